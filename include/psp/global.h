@@ -1,0 +1,47 @@
+/**
+ * @file global.h
+ * Process-wide state by name: made on first use, destroyed by the last psp_term().
+ */
+#ifndef PSP_GLOBAL_H
+#define PSP_GLOBAL_H
+
+#include "psptypes.h"
+
+PSP_BEGIN_DECLS
+
+/**
+ * Sets up a new block. Runs under the registry's mutex: it must not register another name.
+ * @param data the block, filled with zeros
+ * @return `sOKAY`; anything else discards the block
+ */
+typedef ZYN_RETCODE (*PSP_GLOBAL_CREATE_FCN)(void* data);
+
+/**
+ * Tears a block down at the last psp_term(), before its memory goes.
+ * @param data the block
+ */
+typedef void (*PSP_GLOBAL_DELETE_FCN)(void* data);
+
+/**
+ * Gives the block of a name, making it if this is the first call with that name.
+ *
+ * Every later caller gets the same block; its own `size` and callbacks are ignored. The last
+ * psp_term() destroys the blocks in falling order of their names (as `strcmp` sorts). Calls are
+ * serialised; what the block holds is not guarded. Lives in the global tag: if that tag was given a
+ * jump buffer, running out of memory ends in the jump.
+ *
+ * @param name       the name; it is copied
+ * @param size       bytes of the block, below 4 GiB, not 0
+ * @param create_fcn sets a new block up; may be NULL
+ * @param delete_fcn tears it down; may be NULL; not called for a block that `create_fcn` refused
+ * @param pglobal    receives the block, which belongs to the library
+ * @return `sOKAY`; `eINVNULLARG` when `size` is 0 or `name` or `pglobal` is NULL; `eNOMEMORY` when
+ *         memory ran out or `create_fcn` failed (a later call tries anew); `ePSP_FAILURE` when the
+ *         library is not initialised or its registry is gone already
+ */
+PSP_API ZYN_RETCODE psp_globalGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
+                                  PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal);
+
+PSP_END_DECLS
+
+#endif
