@@ -1,0 +1,264 @@
+// The synchronisation table: recursive mutexes and manual-reset events behind handles.
+//
+// Creating and deleting an object costs a scan of at most 128 slots under semTabMutex and a pop or
+// push on a chain; entering and leaving a mutex costs one look at the flag and, for the first
+// level, one lock of the system's. A freed entry is the next to be reused, lower slots first.
+//
+// While the table is not usable every operation does nothing: at the end of a stop memory is
+// released without locks. Nothing may be called under semTabMutex but the allocation of a block,
+// which takes the global tag's own mutex inside it.
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "psp/core.h"
+#include "psp/output.h"
+#include "psp/sync.h"
+#include "psp/time.h"
+#include "psp_atomic.h"
+#include "psp_sync_int.h"
+#include "pspint.h"
+
+PSP_SEM_TABLE sem_table[SEM_TABLE_SLOTS];
+pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
+bool psp_sync_inited = false;
+
+namespace {
+
+constexpr int64_t NANOSECS_A_SECOND = 1'000'000'000;
+constexpr uint32_t MILLISECS_A_SECOND = 1000;
+constexpr uint32_t NANOSECS_A_MILLISEC = 1'000'000;
+
+inline bool usable()
+{
+    return relaxed_load(psp_sync_inited);
+}
+
+// pthread_self() without a call: with this C library a thread's id is its thread pointer.
+inline psp_thread_id_t callingThread()
+{
+    return reinterpret_cast<psp_thread_id_t>(__builtin_thread_pointer());
+}
+
+inline clockid_t waitClock()
+{
+    return relaxed_load(gUseMonotonicClock) > 0 ? CLOCK_MONOTONIC : CLOCK_REALTIME;
+}
+
+// Without memory for a block no lock can be made, and callers have no way to go on without: the
+// process ends here. No message: printing one needs memory, and at start the stacks are not there.
+void semAddBlock(PSP_SEM_TABLE& slot)
+{
+    constexpr int32_t zeroFilled = 3;
+    void* block = psp_memTryGet(SEM_BLOCK_ENTRIES * sizeof(PSP_SEM_ENTRY), PSP_GLOBAL_TAG,
+                                zeroFilled, nullptr);
+    if (block == nullptr)
+        abort();
+    slot.entry = static_cast<PSP_SEM_ENTRY*>(block);
+    for (size_t i = 0; i < SEM_BLOCK_ENTRIES; ++i) {
+        slot.entry[i].avail = static_cast<int16_t>(i + 1);
+        slot.entry[i].owner = &slot;
+    }
+    slot.entry[SEM_BLOCK_ENTRIES - 1].avail = SEM_CHAIN_END;
+    slot.avail = 0;
+}
+
+// nullptr when all blocks are full.
+PSP_SEM_ENTRY* semTakeFree()
+{
+    for (PSP_SEM_TABLE& slot : sem_table) {
+        if (slot.entry == nullptr)
+            semAddBlock(slot);
+        if (slot.avail != SEM_CHAIN_END) {
+            PSP_SEM_ENTRY* entry = &slot.entry[slot.avail];
+            slot.avail = entry->avail;
+            entry->avail = SEM_ALLOCATED;
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+PSP_SEM_ENTRY* semGetNewEntry(const char* file, int32_t line)
+{
+    pthread_mutex_lock(&semTabMutex);
+    PSP_SEM_ENTRY* entry = semTakeFree();
+    pthread_mutex_unlock(&semTabMutex);
+    if (entry == nullptr) {
+        // A call upward: the log is the only place where the operator can learn the reason.
+        psp_log("Insufficient number of semaphores, called from %s:%d\n", file, line);
+        abort();
+    }
+    return entry;
+}
+
+void initMutex(PSP_MUTEX_ENTRY& m)
+{
+    pthread_mutex_init(&m.mutex, nullptr);
+    relaxed_store(m.count, 0);
+    relaxed_store(m.id, 0);
+}
+
+void initEvent(PSP_EVENT_ENTRY& e)
+{
+    pthread_mutex_init(&e.mutex, nullptr);
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, waitClock());
+    pthread_cond_init(&e.cond, &attr);
+    pthread_condattr_destroy(&attr);
+    e.flag = 1;
+}
+
+void psemDelete(PSP_SEM_ENTRY& entry)
+{
+    if (entry.type == PSP_SEM_MUTEX) {
+        pthread_mutex_destroy(&entry.obj.m.mutex);
+    } else if (entry.type == PSP_SEM_EVENT) {
+        pthread_mutex_destroy(&entry.obj.e.mutex);
+        pthread_cond_destroy(&entry.obj.e.cond);
+    }
+}
+
+} // namespace
+
+void psp_syncInit()
+{
+    for (PSP_SEM_TABLE& slot : sem_table)
+        slot = {};
+    relaxed_store(psp_sync_inited, true);
+}
+
+// The slots keep their pointers, dangling: the next start clears them.
+void psp_syncShutdown()
+{
+    relaxed_store(psp_sync_inited, false);
+    for (PSP_SEM_TABLE& slot : sem_table) {
+        if (slot.entry == nullptr)
+            continue;
+        for (size_t i = 0; i < SEM_BLOCK_ENTRIES; ++i) {
+            if (slot.entry[i].avail == SEM_ALLOCATED)
+                psemDelete(slot.entry[i]);
+        }
+        psp_freeMem(slot.entry, PSP_GLOBAL_TAG, __FILE__, __LINE__);
+    }
+}
+
+PSP_SEM psp_syncCreate_check(int16_t type, const char* file, int32_t line)
+{
+    if (!usable() || relaxed_load(psp_inited) == 0)
+        return PSP_SEM_INVALID;
+    PSP_SEM_ENTRY* entry = semGetNewEntry(file, line);
+    entry->type = type;
+    if (type == PSP_SEM_MUTEX) {
+        initMutex(entry->obj.m);
+    } else if (type == PSP_SEM_EVENT) {
+        initEvent(entry->obj.e);
+    } else {
+        // The entry stays taken. A call upward: this caller's mistake must not pass in silence.
+        psp_log("Invalid semaphore type\n");
+        return PSP_SEM_INVALID;
+    }
+    return entry;
+}
+
+void psp_syncDelete(PSP_SEM sem)
+{
+    if (sem == PSP_SEM_INVALID || !usable())
+        return;
+    PSP_SEM_TABLE* slot = sem->owner;
+    psemDelete(*sem);
+    sem->type = 0;
+    pthread_mutex_lock(&semTabMutex);
+    sem->avail = slot->avail;
+    slot->avail = static_cast<int16_t>(sem - slot->entry);
+    pthread_mutex_unlock(&semTabMutex);
+}
+
+// The id is read without the lock. Only the holder can find its own id there, and it alone changes
+// count and id while it holds the mutex, so any other value means "not mine"; id is 0 while nobody
+// holds it, so one comparison also says that count is not 0.
+//
+// The layout is measured: a nested entry needs no call, no stack frame and no jump, which makes it
+// as cheap as a call of an empty function; the first level falls through to the system's unlock.
+// The alignment keeps both at that wherever the linker puts them.
+[[gnu::aligned(64)]] ZYN_RETCODE psp_syncEnterExcl(PSP_SEM sem)
+{
+    if (!usable()) [[unlikely]]
+        return sOKAY;
+    PSP_MUTEX_ENTRY& m = sem->obj.m;
+    if (relaxed_load(m.id) == callingThread()) [[likely]] {
+        relaxed_store(m.count, relaxed_load(m.count) + 1);
+        return sOKAY;
+    }
+    pthread_mutex_lock(&m.mutex);
+    relaxed_store(m.count, 1);
+    relaxed_store(m.id, callingThread());
+    return sOKAY;
+}
+
+[[gnu::aligned(64)]] void psp_syncExitExcl(PSP_SEM sem)
+{
+    if (!usable()) [[unlikely]]
+        return;
+    PSP_MUTEX_ENTRY& m = sem->obj.m;
+    const int32_t count = relaxed_load(m.count) - 1;
+    relaxed_store(m.count, count);
+    if (count != 0) [[unlikely]]
+        return;
+    relaxed_store(m.id, 0);
+    pthread_mutex_unlock(&m.mutex);
+}
+
+void psp_syncStart(PSP_SEM sem)
+{
+    if (!usable())
+        return;
+    PSP_EVENT_ENTRY& e = sem->obj.e;
+    pthread_mutex_lock(&e.mutex);
+    e.flag = 0;
+    pthread_mutex_unlock(&e.mutex);
+}
+
+void psp_syncResume(PSP_SEM sem)
+{
+    if (!usable())
+        return;
+    PSP_EVENT_ENTRY& e = sem->obj.e;
+    pthread_mutex_lock(&e.mutex);
+    e.flag = 1;
+    pthread_cond_broadcast(&e.cond);
+    pthread_mutex_unlock(&e.mutex);
+}
+
+ZYN_RETCODE psp_syncWait(PSP_SEM sem, uint32_t timeout)
+{
+    if (!usable())
+        return ePSP_FAILURE;
+    PSP_EVENT_ENTRY& e = sem->obj.e;
+    ZYN_RETCODE rc = sOKAY;
+    pthread_mutex_lock(&e.mutex);
+    while (e.flag == 0 && rc != sTIMEOUT) {
+        if (timeout == PSP_SYNC_FOREVER)
+            pthread_cond_wait(&e.cond, &e.mutex);
+        else
+            rc = psp_posix_cond_timedwait(&e.cond, &e.mutex, timeout);
+    }
+    pthread_mutex_unlock(&e.mutex);
+    return rc;
+}
+
+ZYN_RETCODE psp_posix_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, uint32_t t)
+{
+    timespec deadline{};
+    clock_gettime(waitClock(), &deadline);
+    deadline.tv_sec += t / MILLISECS_A_SECOND;
+    deadline.tv_nsec += static_cast<int64_t>(t % MILLISECS_A_SECOND) * NANOSECS_A_MILLISEC;
+    // Exactly one second stays in the nanoseconds; such a wait fails at once and is begun anew.
+    if (deadline.tv_nsec > NANOSECS_A_SECOND) {
+        deadline.tv_sec += deadline.tv_nsec / NANOSECS_A_SECOND;
+        deadline.tv_nsec %= NANOSECS_A_SECOND;
+    }
+    const int result = pthread_cond_timedwait(c, m, &deadline);
+    return result == ETIMEDOUT || result == ETIME ? sTIMEOUT : sOKAY;
+}
