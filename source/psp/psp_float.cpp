@@ -1,0 +1,480 @@
+// Floating-point conversions of the formatting engine.
+//
+// A value is split into an integer part and a fraction scaled by 10^precision and rounded half up,
+// both 64-bit integers; an exponent style first divides the value by its power of ten. All of it is
+// done with 64-bit mantissas and rounding to nearest, as `long double` has them, and the result
+// stands and falls with those roundings: a power of ten is what multiplying or dividing 1 by 10
+// again and again gives, rounding errors included, and each value meets exactly one division, one
+// subtraction (exact) and one multiplication. Reordering any of them changes last digits.
+//
+// The arithmetic is written out over integers because a mantissa's way between the floating unit
+// and the integer registers costs more than the arithmetic itself; the outcome is bit for bit that
+// of the unit, and no rounding mode that a caller has set can change it. The powers that a `double`
+// can need are a table, so the work per value is constant; beyond, for `long double` only, the
+// repetition goes on from the table's end.
+#include "psp_internal.h"
+
+static constexpr size_t DEFAULT_PRECISION = 6;
+static constexpr size_t MAX_PRECISION = 19; // 10^19 is the highest power below 2^64
+
+__extension__ typedef unsigned __int128 uint128_t;
+
+// ---- Extended arithmetic ----
+
+// A magnitude: mantissa * 2^(exponent - 63), with the mantissa's top bit set; or zero, with no bit
+// set and an exponent below all others.
+struct EXTENDED {
+    uint64_t mantissa;
+    int32_t exponent;
+};
+
+static constexpr uint64_t TOP_BIT = uint64_t{1} << 63;
+static constexpr EXTENDED ZERO{0, INT32_MIN / 2};
+static constexpr EXTENDED ONE{TOP_BIT, 0};
+static constexpr EXTENDED TEN{uint64_t{10} << 60, 3};
+
+static constexpr bool is_less(EXTENDED a, EXTENDED b)
+{
+    return a.exponent != b.exponent ? a.exponent < b.exponent : a.mantissa < b.mantissa;
+}
+
+// The magnitude of an integer times 2^exponent.
+static constexpr EXTENDED normalize(uint64_t val, int32_t exponent)
+{
+    if (val == 0)
+        return ZERO;
+    const int shift = std::countl_zero(val);
+    return {val << shift, exponent + 63 - shift};
+}
+
+// Adds one to the mantissa if asked to.
+static constexpr EXTENDED round_up(EXTENDED a, bool up)
+{
+    a.mantissa += up;
+    if (up && a.mantissa == 0)
+        return {TOP_BIT, a.exponent + 1};
+    return a;
+}
+
+static constexpr EXTENDED multiply(EXTENDED a, EXTENDED b)
+{
+    const auto product = static_cast<uint128_t>(a.mantissa) * b.mantissa;
+    const bool carry = static_cast<uint64_t>(product >> 64) >= TOP_BIT;
+    const uint128_t scaled = carry ? product : product << 1;
+    const auto mantissa = static_cast<uint64_t>(scaled >> 64);
+    const auto rest = static_cast<uint64_t>(scaled);
+    const bool up = rest > TOP_BIT || (rest == TOP_BIT && (mantissa & 1));
+    return round_up({mantissa, a.exponent + b.exponent + carry}, up);
+}
+
+// The quotient of high:low by a divisor above `high`; the processor has an instruction for that,
+// the language has not.
+static constexpr uint64_t divide_wide(uint64_t high, uint64_t low, uint64_t divisor)
+{
+    if (std::is_constant_evaluated())
+        return static_cast<uint64_t>((static_cast<uint128_t>(high) << 64 | low) / divisor);
+    asm("divq %2" : "+a"(low), "+d"(high) : "r"(divisor) : "cc");
+    return low;
+}
+
+// `b` is not zero.
+static constexpr EXTENDED divide(EXTENDED a, EXTENDED b)
+{
+    const bool borrow = a.mantissa < b.mantissa;
+    const uint64_t high = borrow ? a.mantissa : a.mantissa >> 1;
+    const uint64_t low = borrow ? 0 : a.mantissa << 63;
+    const uint64_t quotient = divide_wide(high, low, b.mantissa);
+    const uint64_t rest = low - quotient * b.mantissa;
+    const uint64_t missing = b.mantissa - rest;
+    const bool up = rest > missing || (rest == missing && (quotient & 1));
+    return round_up({quotient, a.exponent - b.exponent - borrow}, up);
+}
+
+// For magnitudes below 2^64, here and below: the integer part,
+static uint64_t truncate(EXTENDED a)
+{
+    return a.exponent < 0 ? 0 : a.mantissa >> (63 - a.exponent);
+}
+
+// the rest of it,
+static EXTENDED get_fraction(EXTENDED a)
+{
+    if (a.exponent < 0)
+        return a;
+    return a.exponent == 63 ? ZERO : normalize(a.mantissa << (a.exponent + 1), -64);
+}
+
+// and the nearest integer, halves upwards: the bit behind the point tells.
+static uint64_t round_float(EXTENDED a)
+{
+    if (a.exponent < -1 || a.exponent > 62)
+        return truncate(a);
+    return truncate(a) + (a.mantissa >> (62 - a.exponent) & 1);
+}
+
+// ---- Powers of ten ----
+
+static constexpr int32_t TABLED = 324; // exponent of the smallest double
+
+struct POWERS {
+    std::array<EXTENDED, TABLED + 1> up;   // 1 multiplied by 10 so many times
+    std::array<EXTENDED, TABLED + 1> down; // 1 divided by 10 so many times
+};
+
+static constexpr POWERS POWERS_OF_10 = [] {
+    POWERS powers{};
+    powers.up[0] = powers.down[0] = ONE;
+    for (size_t i = 1; i <= TABLED; ++i) {
+        powers.up[i] = multiply(powers.up[i - 1], TEN);
+        powers.down[i] = divide(powers.down[i - 1], TEN);
+    }
+    return powers;
+}();
+
+static EXTENDED power_beyond_table(int32_t exponent)
+{
+    EXTENDED power = exponent < 0 ? POWERS_OF_10.down[TABLED] : POWERS_OF_10.up[TABLED];
+    for (; exponent < -TABLED; ++exponent)
+        power = divide(power, TEN);
+    for (; exponent > TABLED; --exponent)
+        power = multiply(power, TEN);
+    return power;
+}
+
+static inline EXTENDED power_of_10(int32_t exponent)
+{
+    if (exponent < -TABLED || exponent > TABLED)
+        return power_beyond_table(exponent);
+    return exponent < 0 ? POWERS_OF_10.down[static_cast<size_t>(-exponent)]
+                        : POWERS_OF_10.up[static_cast<size_t>(exponent)];
+}
+
+static int32_t get_exponent_beyond_table(EXTENDED magnitude)
+{
+    int32_t exponent = 0;
+    if (is_less(magnitude, ONE)) {
+        for (EXTENDED power = ONE; is_less(magnitude, power); power = divide(power, TEN))
+            --exponent;
+    } else {
+        for (EXTENDED power = TEN; !is_less(magnitude, power); power = multiply(power, TEN))
+            ++exponent;
+    }
+    return exponent;
+}
+
+// The exponent e with 10^e <= magnitude < 10^(e + 1), by the powers above.
+static int32_t get_exponent(EXTENDED magnitude)
+{
+    if (magnitude.mantissa == 0)
+        return 0;
+    if (is_less(magnitude, POWERS_OF_10.down[TABLED]) ||
+        !is_less(magnitude, POWERS_OF_10.up[TABLED]))
+        return get_exponent_beyond_table(magnitude);
+    // 78913 / 2^18 is log10(2), near enough to miss by one at most.
+    const int32_t exponent = std::max(-TABLED, magnitude.exponent * 78913 >> 18);
+    if (is_less(magnitude, power_of_10(exponent)))
+        return exponent - 1;
+    return exponent + !is_less(magnitude, power_of_10(exponent + 1));
+}
+
+// ---- The argument ----
+
+struct ARGUMENT {
+    bool negative; // sign bit
+    bool infinite;
+    bool nan;
+    EXTENDED magnitude; // when neither of these
+};
+
+static ARGUMENT get_double(double value)
+{
+    const auto bits = std::bit_cast<uint64_t>(value);
+    const auto biased = static_cast<int32_t>(bits >> 52 & 0x7FF);
+    const uint64_t fraction = bits & 0xFFFFFFFFFFFFF;
+    ARGUMENT arg{bits >> 63 != 0, biased == 0x7FF && fraction == 0, biased == 0x7FF && fraction != 0,
+                 {}};
+    if (biased == 0)
+        arg.magnitude = normalize(fraction, -1074);
+    else
+        arg.magnitude = {fraction << 11 | TOP_BIT, biased - 1023};
+    return arg;
+}
+
+// Mantissas without the top bit that are not subnormal are no numbers to the processor either.
+static ARGUMENT get_long_double(long double value)
+{
+    uint64_t mantissa;
+    uint16_t head;
+    memcpy(&mantissa, &value, sizeof mantissa);
+    memcpy(&head, reinterpret_cast<const char*>(&value) + sizeof mantissa, sizeof head);
+    const int32_t biased = head & 0x7FFF;
+    const bool infinite = biased == 0x7FFF && mantissa == TOP_BIT;
+    const bool nan = !infinite && (biased == 0x7FFF || (biased != 0 && mantissa < TOP_BIT));
+    const int32_t exponent = std::max(biased, 1) - 16383 - 63;
+    return {(head & 0x8000) != 0, infinite, nan, normalize(mantissa, exponent)};
+}
+
+static ARGUMENT get_float(ZYN_PRINTF_CTX& pctx)
+{
+    return pctx.fctx.conv == C_LDOUBLE ? get_long_double(va_arg(pctx.args, long double))
+                                       : get_double(va_arg(pctx.args, double));
+}
+
+// ---- Layout ----
+
+// Negative zero and NaN are not below zero.
+static char calc_float_sign(const FORMAT_CTX& fctx, const ARGUMENT& arg)
+{
+    if (arg.negative && !arg.nan && arg.magnitude.mantissa != 0)
+        return '-';
+    if (fctx.flags & FLAG_PLUS)
+        return '+';
+    return fctx.flags & FLAG_SPACE ? ' ' : '\0';
+}
+
+static void initial_e_style_setup(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
+{
+    layout.exponent = get_exponent(value);
+    if (fctx.flags & FLAG_GENERAL) {
+        --fctx.precision; // from here on the digits behind the first
+        layout.omitzeros = !(fctx.flags & FLAG_ALT);
+    }
+}
+
+static ZYN_RETCODE calc_float_parts(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
+{
+    fctx.precision = std::min(fctx.precision, MAX_PRECISION);
+    if (layout.estyle)
+        value = divide(value, power_of_10(layout.exponent));
+    layout.intpart = UINTMAX_MAX;
+    if (value.exponent < 64)
+        layout.intpart = truncate(value);
+    if (layout.intpart == UINTMAX_MAX)
+        return eRANGE;
+    const uint64_t scale = DECIMAL_POWERS[fctx.precision];
+    layout.fracpart = round_float(multiply(get_fraction(value), normalize(scale, 0)));
+    if (layout.fracpart >= scale) {
+        layout.fracpart = 0;
+        ++layout.intpart;
+        if (layout.estyle && layout.intpart == 10) {
+            layout.intpart = 1;
+            ++layout.exponent;
+        }
+    }
+    return sOKAY;
+}
+
+// Splits the value in the style of the directive; the general style decides by the exponent.
+static ZYN_RETCODE calc_style(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
+{
+    layout.estyle = (fctx.flags & (FLAG_EXPONENT | FLAG_GENERAL)) != 0;
+    layout.exponent = 0;
+    layout.omitzeros = 0;
+    if (layout.estyle)
+        initial_e_style_setup(fctx, layout, value);
+    const ZYN_RETCODE rc = calc_float_parts(fctx, layout, value);
+    if (rc != sOKAY || !(fctx.flags & FLAG_GENERAL))
+        return rc;
+    const auto precision = static_cast<int32_t>(fctx.precision);
+    if (layout.exponent < -4 || layout.exponent > precision)
+        return sOKAY;
+    layout.estyle = 0;
+    fctx.precision = static_cast<size_t>(precision - layout.exponent);
+    return calc_float_parts(fctx, layout, value);
+}
+
+// Letter, sign and two digits; a third one from 100 on, and never more than the lowest three.
+static void convert_exponent(const FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    const int32_t magnitude = layout.exponent < 0 ? -layout.exponent : layout.exponent;
+    char* pos = std::end(layout.econvert);
+    const auto put = [&pos](int ch) { *--pos = static_cast<char>(ch); };
+    put('0' + magnitude % 10);
+    put('0' + magnitude / 10 % 10);
+    if (magnitude >= 100)
+        put('0' + magnitude / 100 % 10);
+    put(layout.exponent < 0 ? '-' : '+');
+    put(fctx.flags & FLAG_UPPER ? 'E' : 'e');
+    layout.elen = static_cast<size_t>(std::end(layout.econvert) - pos);
+}
+
+// Takes the trailing zeros off the fraction, or all of it when it is 0.
+static void omit_zeros(FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    if (layout.flen == 0) {
+        layout.omitcount = fctx.precision;
+        layout.leadfraczeros = 0;
+    } else {
+        for (; layout.fracpart % 10 == 0; layout.fracpart /= 10)
+            ++layout.omitcount;
+    }
+    fctx.precision -= layout.omitcount;
+}
+
+static void calc_digits(FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    layout.elen = 0;
+    if (layout.estyle)
+        convert_exponent(fctx, layout);
+    layout.ilen = count_digits(layout.intpart, 10);
+    layout.flen = layout.fracpart != 0 ? count_digits(layout.fracpart, 10) : 0;
+    layout.leadfraczeros = fctx.precision - layout.flen;
+    layout.omitcount = 0;
+    if (layout.omitzeros)
+        omit_zeros(fctx, layout);
+}
+
+// The locale's decimal point, which may have several bytes.
+static const char* get_decimal_point(FORMAT_CTX& fctx)
+{
+    const char* const point = setup_locale(fctx).decimal_point;
+    return point != nullptr ? point : ".";
+}
+
+static size_t getnumdec(FORMAT_CTX& fctx)
+{
+    if (fctx.precision == 0 && !(fctx.flags & FLAG_ALT))
+        return 0;
+    return strlen(get_decimal_point(fctx));
+}
+
+static void calc_padding(const FORMAT_CTX& fctx, FLT_FORMAT& layout, size_t total)
+{
+    const size_t missing = total < fctx.width ? fctx.width - total : 0;
+    const bool left = fctx.flags & FLAG_LEFT;
+    layout.lpadlen = left ? 0 : missing;
+    layout.rpadlen = left ? missing : 0;
+}
+
+static void calc_float_format(FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    calc_digits(fctx, layout);
+    layout.emitpoint = getnumdec(fctx);
+    layout.separators = fctx.flags & FLAG_GROUP ? getnumsep(fctx, layout.ilen) : 0;
+    calc_padding(fctx, layout,
+                 layout.elen + layout.ilen + fctx.precision + layout.emitpoint +
+                     (layout.sign != 0) + layout.separators);
+}
+
+// ---- Output ----
+
+template <class Sink>
+static ZYN_RETCODE output_padded_sign(Sink& sink, const FORMAT_CTX& fctx, const FLT_FORMAT& layout)
+{
+    const bool zeros = (fctx.flags & FLAG_ZERO) && layout.lpadlen != 0;
+    ZYN_RETCODE rc = sOKAY;
+    if (!zeros)
+        rc = sink.emitn(' ', layout.lpadlen);
+    if (rc == sOKAY && layout.sign != 0)
+        rc = sink.emit(layout.sign);
+    if (rc == sOKAY && zeros)
+        rc = sink.emitn('0', layout.lpadlen);
+    return rc;
+}
+
+template <class Sink>
+static ZYN_RETCODE printdec(Sink& sink, FORMAT_CTX& fctx, const FLT_FORMAT& layout)
+{
+    if (layout.emitpoint == 0)
+        return sOKAY;
+    return sink.emitrun(get_decimal_point(fctx), layout.emitpoint);
+}
+
+template <class Sink>
+static ZYN_RETCODE output_intpart(Sink& sink, FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    if (fctx.flags & FLAG_GROUP)
+        return print_groups(sink, fctx, layout.intpart, layout.ilen, layout.iconvert);
+    return print_digits(sink, fctx, layout.intpart, layout.ilen, layout.iconvert);
+}
+
+template <class Sink>
+static ZYN_RETCODE output_float(Sink& sink, FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    ZYN_RETCODE rc = output_padded_sign(sink, fctx, layout);
+    if (rc == sOKAY)
+        rc = output_intpart(sink, fctx, layout);
+    if (rc == sOKAY)
+        rc = printdec(sink, fctx, layout);
+    if (rc == sOKAY)
+        rc = sink.emitn('0', layout.leadfraczeros);
+    if (rc == sOKAY && layout.flen != 0)
+        rc = print_digits(sink, fctx, layout.fracpart, layout.flen - layout.omitcount,
+                          layout.fconvert);
+    if (rc == sOKAY)
+        rc = sink.emitrun(std::end(layout.econvert) - layout.elen, layout.elen);
+    if (rc == sOKAY)
+        rc = sink.emitn(' ', layout.rpadlen);
+    return rc;
+}
+
+// ---- NaN and infinity ----
+
+static const char* get_nan_str(const FORMAT_CTX& fctx)
+{
+    return fctx.flags & FLAG_UPPER ? "NAN" : "nan";
+}
+
+static const char* get_inf_str(const FORMAT_CTX& fctx)
+{
+    return fctx.flags & FLAG_UPPER ? "INF" : "inf";
+}
+
+// The word for a value that is no number, NULL for one that is.
+static const char* check_nan_and_inf(const FORMAT_CTX& fctx, const ARGUMENT& arg)
+{
+    if (arg.nan)
+        return get_nan_str(fctx);
+    return arg.infinite ? get_inf_str(fctx) : nullptr;
+}
+
+template <class Sink>
+static ZYN_RETCODE output_word(Sink& sink, FORMAT_CTX& fctx, FLT_FORMAT& layout, const char* word)
+{
+    constexpr size_t WORD_LEN = 3;
+    fctx.flags = static_cast<uint16_t>(fctx.flags & ~FLAG_ZERO);
+    calc_padding(fctx, layout, WORD_LEN + (layout.sign != 0));
+    ZYN_RETCODE rc = output_padded_sign(sink, fctx, layout);
+    if (rc == sOKAY)
+        rc = sink.emitrun(word, WORD_LEN);
+    if (rc == sOKAY)
+        rc = sink.emitn(' ', layout.rpadlen);
+    return rc;
+}
+
+// ---- The conversion ----
+
+// Takes the argument and lays it out; `word` becomes what stands for a value that is no number.
+static ZYN_RETCODE format_float(ZYN_PRINTF_CTX& pctx, FLT_FORMAT& layout, const char*& word)
+{
+    FORMAT_CTX& fctx = pctx.fctx;
+    const ARGUMENT arg = get_float(pctx);
+    layout.sign = calc_float_sign(fctx, arg);
+    word = check_nan_and_inf(fctx, arg);
+    if (word != nullptr)
+        return sOKAY;
+    if (fctx.precision == NOT_GIVEN)
+        fctx.precision = DEFAULT_PRECISION;
+    else if (fctx.precision == 0 && (fctx.flags & FLAG_GENERAL))
+        fctx.precision = 1;
+    const ZYN_RETCODE rc = calc_style(fctx, layout, arg.magnitude);
+    if (rc == sOKAY)
+        calc_float_format(fctx, layout);
+    return rc;
+}
+
+template <class Sink>
+ZYN_RETCODE handle_float(Sink& sink, ZYN_PRINTF_CTX& pctx)
+{
+    FLT_FORMAT layout;
+    const char* word;
+    const ZYN_RETCODE rc = format_float(pctx, layout, word);
+    if (rc != sOKAY)
+        return rc;
+    if (word != nullptr)
+        return output_word(sink, pctx.fctx, layout, word);
+    return output_float(sink, pctx.fctx, layout);
+}
+
+template ZYN_RETCODE handle_float(CALLBACK_SINK& sink, ZYN_PRINTF_CTX& pctx);
+template ZYN_RETCODE handle_float(BUFFER_SINK& sink, ZYN_PRINTF_CTX& pctx);

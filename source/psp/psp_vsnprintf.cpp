@@ -1,0 +1,628 @@
+// The formatting engine: walks a format, copies what is between the directives and hands each
+// directive to its conversion. Integers, strings, characters and pointers are here, floating values
+// in psp_float.cpp.
+//
+// One pass over the format, one over each argument. A directive is parsed into a FORMAT_CTX, laid
+// out (all lengths first), then emitted from left to right. Everything lives on the stack; the
+// locale is asked only when a directive groups digits. Nothing is ever read behind the format's NUL
+// nor behind a string argument's precision.
+#include "psp_internal.h"
+
+#include "psp/format.h"
+
+#include <array>
+#include <bit>
+#include <utility>
+
+#include <emmintrin.h>
+
+// ---- Digits ----
+
+// clang-format off
+static const char DIGIT_PAIRS[] =
+    "00010203040506070809" "10111213141516171819" "20212223242526272829" "30313233343536373839"
+    "40414243444546474849" "50515253545556575859" "60616263646566676869" "70717273747576777879"
+    "80818283848586878889" "90919293949596979899";
+// clang-format on
+
+static inline char* put_pair(char* end, uint32_t val)
+{
+    memcpy(end - 2, DIGIT_PAIRS + val * 2, 2);
+    return end - 2;
+}
+
+// Eight digits in two halves that do not wait for each other.
+static inline char* put_eight(char* end, uint32_t val)
+{
+    const uint32_t high = val / 10000, low = val % 10000;
+    put_pair(end, low % 100);
+    put_pair(end - 2, low / 100);
+    put_pair(end - 4, high % 100);
+    return put_pair(end - 6, high / 100);
+}
+
+static void convert_decimal(char* end, uintmax_t val)
+{
+    for (; val >= 100000000; val /= 100000000)
+        end = put_eight(end, static_cast<uint32_t>(val % 100000000));
+    auto rest = static_cast<uint32_t>(val);
+    for (; rest >= 100; rest /= 100)
+        end = put_pair(end, rest % 100);
+    if (rest >= 10)
+        put_pair(end, rest);
+    else
+        end[-1] = static_cast<char>('0' + rest);
+}
+
+void convert(char* end, uintmax_t val, uint32_t base, bool upper)
+{
+    if (base == 10)
+        return convert_decimal(end, val);
+    const char* const digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+    const uint32_t bits = base == 16 ? 4 : 3;
+    do {
+        *--end = digits[val & (base - 1)];
+        val >>= bits;
+    } while (val != 0);
+}
+
+// ---- Locale ----
+
+const lconv& setup_locale(FORMAT_CTX& fctx)
+{
+    if (fctx.lc == nullptr)
+        fctx.lc = localeconv();
+    return *fctx.lc;
+}
+
+const char* get_thousands_sep(FORMAT_CTX& fctx)
+{
+    const char* const sep = setup_locale(fctx).thousands_sep;
+    return sep != nullptr ? sep : ",";
+}
+
+size_t getnumsep(FORMAT_CTX& fctx, size_t len)
+{
+    return ((len + 2) / 3 - 1) * strlen(get_thousands_sep(fctx));
+}
+
+// ---- Integers ----
+
+static void calc_int_sign(const FORMAT_CTX& fctx, intmax_t val, INT_FORMAT& layout)
+{
+    layout.uval = static_cast<uintmax_t>(val);
+    layout.sign = 0;
+    if (fctx.flags & FLAG_UNSIGNED)
+        return;
+    if (val < 0) {
+        layout.uval = 0 - layout.uval; // right for the most negative value as well
+        layout.sign = '-';
+    } else if (fctx.flags & FLAG_PLUS) {
+        layout.sign = '+';
+    } else if (fctx.flags & FLAG_SPACE) {
+        layout.sign = ' ';
+    }
+}
+
+// Zero has no prefix. In octal the prefix stands for one of the precision's digits; a precision of
+// 0 wraps to NOT_GIVEN by that.
+static void calc_int_prefix(FORMAT_CTX& fctx, INT_FORMAT& layout)
+{
+    layout.prefix = nullptr;
+    if (!(fctx.flags & (FLAG_ALT | FLAG_POINTER)) || layout.uval == 0)
+        return;
+    if (fctx.base == 16) {
+        layout.prefix = fctx.flags & FLAG_UPPER ? "0X" : "0x";
+    } else if (fctx.base == 8) {
+        layout.prefix = "0";
+        if (fctx.precision != NOT_GIVEN)
+            --fctx.precision;
+    }
+}
+
+// Sets the padding that brings `total` bytes to the width.
+static void calc_int_padding(const FORMAT_CTX& fctx, size_t total, INT_FORMAT& layout)
+{
+    if (total >= fctx.width)
+        return;
+    const size_t missing = fctx.width - total;
+    if (fctx.flags & FLAG_LEFT)
+        layout.rspadlen = missing;
+    else if ((fctx.flags & FLAG_ZERO) && fctx.precision == NOT_GIVEN)
+        layout.zpadlen = missing;
+    else
+        layout.lspadlen = missing;
+}
+
+// Separators count twice where a precision exceeds the digits: once within the precision and once
+// beside it.
+static void calc_int_format(FORMAT_CTX& fctx, INT_FORMAT& layout)
+{
+    layout.lspadlen = layout.rspadlen = layout.zpadlen = layout.separators = 0;
+    calc_int_prefix(fctx, layout);
+    if (fctx.precision == 0 && layout.uval == 0)
+        layout.len = 0;
+    if (fctx.flags & FLAG_GROUP)
+        layout.separators = getnumsep(fctx, layout.len);
+    size_t body = layout.len;
+    if (fctx.precision != NOT_GIVEN) {
+        const size_t used = layout.len + layout.separators;
+        layout.zpadlen = fctx.precision > used ? fctx.precision - used : 0;
+        body = std::max(body, fctx.precision);
+    }
+    const size_t prefix_len = layout.prefix != nullptr ? strlen(layout.prefix) : 0;
+    calc_int_padding(fctx, layout.separators + body + (layout.sign != 0) + prefix_len, layout);
+}
+
+// The number of bytes that a layout without separators comes to.
+static size_t get_int_size(const INT_FORMAT& layout)
+{
+    const size_t prefix_len = layout.prefix != nullptr ? strlen(layout.prefix) : 0;
+    return layout.lspadlen + (layout.sign != 0) + prefix_len + layout.zpadlen + layout.len +
+           layout.rspadlen;
+}
+
+template <class Sink>
+static ZYN_RETCODE output_digits(Sink& sink, FORMAT_CTX& fctx, INT_FORMAT& layout)
+{
+    if (layout.len == 0)
+        return sOKAY;
+    if (fctx.flags & FLAG_GROUP)
+        return print_groups(sink, fctx, layout.uval, layout.len, layout.tmp);
+    return print_digits(sink, fctx, layout.uval, layout.len, layout.tmp);
+}
+
+template <class Sink>
+static ZYN_RETCODE output_int(Sink& sink, FORMAT_CTX& fctx, INT_FORMAT& layout)
+{
+    ZYN_RETCODE rc = sink.emitn(' ', layout.lspadlen);
+    if (rc == sOKAY && layout.sign != 0)
+        rc = sink.emit(layout.sign);
+    if (rc == sOKAY && layout.prefix != nullptr)
+        rc = sink.emitrun(layout.prefix, strlen(layout.prefix));
+    if (rc == sOKAY)
+        rc = sink.emitn('0', layout.zpadlen);
+    if (rc == sOKAY)
+        rc = output_digits(sink, fctx, layout);
+    if (rc == sOKAY)
+        rc = sink.emitn(' ', layout.rspadlen);
+    return rc;
+}
+
+template <class Sink>
+static ZYN_RETCODE format_int(Sink& sink, FORMAT_CTX& fctx, intmax_t val)
+{
+    INT_FORMAT layout;
+    calc_int_sign(fctx, val, layout);
+    layout.len = count_digits(layout.uval, fctx.base);
+    calc_int_format(fctx, layout);
+    if (!(fctx.flags & FLAG_GROUP)) {
+        if (char* const room = sink.claim(get_int_size(layout))) {
+            ROOM_SINK all{room};
+            return output_int(all, fctx, layout);
+        }
+    }
+    return output_int(sink, fctx, layout);
+}
+
+// Whether a directive asks for nothing but the digits and a minus sign.
+static inline bool is_plain(const FORMAT_CTX& fctx)
+{
+    return !(fctx.flags & ~(FLAG_UNSIGNED | FLAG_UPPER)) && fctx.width == 0 &&
+           fctx.precision == NOT_GIVEN;
+}
+
+// What most directives are: format_int without a layout, for output that has the room.
+template <class Sink>
+static bool format_plain_int(Sink& sink, const FORMAT_CTX& fctx, intmax_t val)
+{
+    const bool negative = val < 0 && !(fctx.flags & FLAG_UNSIGNED);
+    const uintmax_t uval = negative ? 0 - static_cast<uintmax_t>(val) : static_cast<uintmax_t>(val);
+    const size_t len = negative + count_digits(uval, fctx.base);
+    char* const room = sink.claim(len);
+    if (room == nullptr)
+        return false;
+    *room = '-'; // or the first digit, in a moment
+    convert(room + len, uval, fctx.base, fctx.flags & FLAG_UPPER);
+    return true;
+}
+
+static intmax_t get_int(ZYN_PRINTF_CTX& pctx)
+{
+    const bool is_unsigned = pctx.fctx.flags & FLAG_UNSIGNED;
+    switch (pctx.fctx.conv) {
+    case C_DEFAULT: {
+        const int val = va_arg(pctx.args, int);
+        return is_unsigned ? static_cast<unsigned int>(val) : static_cast<intmax_t>(val);
+    }
+    case C_CHAR: {
+        const int val = va_arg(pctx.args, int);
+        return is_unsigned ? static_cast<uint8_t>(val) : static_cast<int8_t>(val);
+    }
+    case C_SHORT: {
+        const int val = va_arg(pctx.args, int);
+        return is_unsigned ? static_cast<uint16_t>(val) : static_cast<int16_t>(val);
+    }
+    case C_LDOUBLE: // no integer has this size: 0, and the argument is left to the next directive
+        return 0;
+    default:
+        return va_arg(pctx.args, intmax_t);
+    }
+}
+
+template <class Sink>
+static ZYN_RETCODE handle_integer(Sink& sink, ZYN_PRINTF_CTX& pctx)
+{
+    const intmax_t val = get_int(pctx);
+    if (is_plain(pctx.fctx) && format_plain_int(sink, pctx.fctx, val))
+        return sOKAY;
+    return format_int(sink, pctx.fctx, val);
+}
+
+// ---- Strings, pointers, counts ----
+
+template <class Sink>
+static ZYN_RETCODE format_str(Sink& sink, const FORMAT_CTX& fctx, const char* str)
+{
+    if (str == nullptr)
+        str = fctx.precision < 6 ? "" : "(null)";
+    const size_t len = fctx.precision == NOT_GIVEN ? strlen(str) : strnlen(str, fctx.precision);
+    if (len >= fctx.width)
+        return sink.emitrun(str, len);
+    const size_t missing = fctx.width - len;
+    ZYN_RETCODE rc = sOKAY;
+    if (!(fctx.flags & FLAG_LEFT))
+        rc = sink.emitn(' ', missing);
+    if (rc == sOKAY)
+        rc = sink.emitrun(str, len);
+    if (rc == sOKAY && (fctx.flags & FLAG_LEFT))
+        rc = sink.emitn(' ', missing);
+    return rc;
+}
+
+template <class Sink>
+static ZYN_RETCODE handle_pointer(Sink& sink, ZYN_PRINTF_CTX& pctx)
+{
+    const void* const ptr = va_arg(pctx.args, const void*);
+    if (ptr == nullptr)
+        return format_str(sink, pctx.fctx, "(nil)");
+    return format_int(sink, pctx.fctx, reinterpret_cast<intptr_t>(ptr));
+}
+
+template <class T>
+static void store_num(ZYN_PRINTF_CTX& pctx, T num)
+{
+    *va_arg(pctx.args, T*) = num;
+}
+
+// The count is a 32-bit number whatever it is stored into.
+static void handle_n(ZYN_PRINTF_CTX& pctx, size_t emitted)
+{
+    const auto num = static_cast<int32_t>(static_cast<uint32_t>(emitted));
+    switch (pctx.fctx.conv) {
+    case C_DEFAULT:
+        return store_num<int>(pctx, num);
+    case C_CHAR:
+        return store_num<int8_t>(pctx, static_cast<int8_t>(num));
+    case C_SHORT:
+        return store_num<int16_t>(pctx, static_cast<int16_t>(num));
+    case C_SIZE:
+        return store_num<size_t>(pctx, static_cast<uint32_t>(num));
+    case C_LDOUBLE:
+        return;
+    default:
+        return store_num<int64_t>(pctx, num);
+    }
+}
+
+// ---- Directives ----
+
+// What a conversion character leads to.
+enum HANDLER : uint8_t { H_NONE, H_INTEGER, H_FLOAT, H_CHAR, H_STRING, H_POINTER, H_N, H_PERCENT };
+
+struct CONVERSION {
+    HANDLER handler;
+    uint8_t base;
+    uint16_t flags; // bits that the character sets
+};
+
+// clang-format off
+static constexpr std::pair<char, CONVERSION> CONVERSIONS[] = {
+    {'d', {H_INTEGER, 10, 0}},
+    {'i', {H_INTEGER, 10, 0}},
+    {'u', {H_INTEGER, 10, FLAG_UNSIGNED}},
+    {'o', {H_INTEGER,  8, FLAG_UNSIGNED}},
+    {'x', {H_INTEGER, 16, FLAG_UNSIGNED}},
+    {'X', {H_INTEGER, 16, FLAG_UNSIGNED | FLAG_UPPER}},
+    {'f', {H_FLOAT,   10, 0}},
+    {'F', {H_FLOAT,   10, FLAG_UPPER}},
+    {'a', {H_FLOAT,   10, 0}},
+    {'A', {H_FLOAT,   10, FLAG_UPPER}},
+    {'e', {H_FLOAT,   10, FLAG_EXPONENT}},
+    {'E', {H_FLOAT,   10, FLAG_EXPONENT | FLAG_UPPER}},
+    {'g', {H_FLOAT,   10, FLAG_GENERAL}},
+    {'G', {H_FLOAT,   10, FLAG_GENERAL | FLAG_UPPER}},
+    {'c', {H_CHAR,    10, 0}},
+    {'s', {H_STRING,  10, 0}},
+    {'p', {H_POINTER, 16, FLAG_UNSIGNED | FLAG_POINTER}},
+    {'n', {H_N,       10, 0}},
+    {'%', {H_PERCENT, 10, 0}},
+};
+// clang-format on
+
+// The same, by character.
+static constexpr auto CONVERSIONS_BY_TYPE = [] {
+    std::array<CONVERSION, 256> by_type{};
+    for (const auto& [type, conversion] : CONVERSIONS)
+        by_type[static_cast<unsigned char>(type)] = conversion;
+    return by_type;
+}();
+
+static inline CONVERSION parse_type(const FORMAT_CTX& fctx)
+{
+    return CONVERSIONS_BY_TYPE[static_cast<unsigned char>(*fctx.fmt)];
+}
+
+// clang-format off
+static constexpr std::pair<char, uint16_t> FLAGS[] = {
+    {'-',  FLAG_LEFT},
+    {'+',  FLAG_PLUS},
+    {' ',  FLAG_SPACE},
+    {'#',  FLAG_ALT},
+    {'0',  FLAG_ZERO},
+    {'\'', FLAG_GROUP},
+};
+// clang-format on
+
+// The same, by the distance from the lowest one.
+static constexpr auto FLAGS_BY_CHAR = [] {
+    std::array<uint16_t, '0' - ' ' + 1> by_char{};
+    for (const auto& [ch, flag] : FLAGS)
+        by_char[static_cast<size_t>(ch - ' ')] = flag;
+    return by_char;
+}();
+
+static inline uint16_t flag_of(char ch)
+{
+    const auto i = static_cast<size_t>(static_cast<unsigned char>(ch)) - ' ';
+    return i < FLAGS_BY_CHAR.size() ? FLAGS_BY_CHAR[i] : uint16_t{0};
+}
+
+static inline void parse_flags(FORMAT_CTX& fctx)
+{
+    while (const uint16_t flag = flag_of(*fctx.fmt)) {
+        fctx.flags = static_cast<uint16_t>(fctx.flags | flag);
+        ++fctx.fmt;
+    }
+}
+
+// Adds the digits that stand here to `number`; eRANGE when it would pass INT32_MAX.
+static inline ZYN_RETCODE parse_number(FORMAT_CTX& fctx, size_t& number)
+{
+    for (; *fctx.fmt >= '0' && *fctx.fmt <= '9'; ++fctx.fmt) {
+        number = number * 10 + static_cast<size_t>(*fctx.fmt - '0');
+        if (number > INT32_MAX)
+            return eRANGE;
+    }
+    return sOKAY;
+}
+
+static ZYN_RETCODE parse_width(ZYN_PRINTF_CTX& pctx)
+{
+    FORMAT_CTX& fctx = pctx.fctx;
+    if (*fctx.fmt != '*')
+        return parse_number(fctx, fctx.width);
+    ++fctx.fmt;
+    const int width = va_arg(pctx.args, int);
+    fctx.width = static_cast<uint32_t>(width);
+    if (width < 0) {
+        fctx.width = 0u - static_cast<uint32_t>(width);
+        fctx.flags = static_cast<uint16_t>(fctx.flags | FLAG_LEFT);
+    }
+    return sOKAY;
+}
+
+static ZYN_RETCODE parse_precision(ZYN_PRINTF_CTX& pctx)
+{
+    FORMAT_CTX& fctx = pctx.fctx;
+    if (*fctx.fmt != '.')
+        return sOKAY;
+    ++fctx.fmt;
+    fctx.precision = 0;
+    if (*fctx.fmt != '*')
+        return parse_number(fctx, fctx.precision);
+    ++fctx.fmt;
+    const int precision = va_arg(pctx.args, int);
+    fctx.precision = precision < 0 ? NOT_GIVEN : static_cast<size_t>(precision);
+    return sOKAY;
+}
+
+static void parse_modifier(FORMAT_CTX& fctx)
+{
+    const auto take = [&fctx](CONV once, CONV twice) {
+        const bool doubled = once != twice && fctx.fmt[1] == fctx.fmt[0];
+        fctx.conv = doubled ? twice : once;
+        fctx.fmt += doubled ? 2 : 1;
+    };
+    switch (*fctx.fmt) {
+    case 'h':
+        return take(C_SHORT, C_CHAR);
+    case 'l':
+        return take(C_LONG, C_LLONG);
+    case 'L':
+        return take(C_LDOUBLE, C_LDOUBLE);
+    case 'j':
+        return take(C_INTMAX, C_INTMAX);
+    case 'z':
+        return take(C_SIZE, C_SIZE);
+    case 't':
+        return take(C_PTRDIFF, C_PTRDIFF);
+    default:
+        return;
+    }
+}
+
+// Everything between the '%' and the conversion character.
+static ZYN_RETCODE parse_directive(ZYN_PRINTF_CTX& pctx)
+{
+    parse_flags(pctx.fctx);
+    ZYN_RETCODE rc = parse_width(pctx);
+    if (rc == sOKAY)
+        rc = parse_precision(pctx);
+    if (rc == sOKAY)
+        parse_modifier(pctx.fctx);
+    return rc;
+}
+
+template <class Sink>
+static ZYN_RETCODE handle_type(Sink& sink, ZYN_PRINTF_CTX& pctx, HANDLER handler)
+{
+    switch (handler) {
+    case H_NONE:
+        return sOKAY;
+    case H_INTEGER:
+        return handle_integer(sink, pctx);
+    case H_FLOAT:
+        return handle_float(sink, pctx);
+    case H_CHAR:
+        return sink.emit(static_cast<char>(va_arg(pctx.args, int)));
+    case H_STRING:
+        return format_str(sink, pctx.fctx, va_arg(pctx.args, const char*));
+    case H_POINTER:
+        return handle_pointer(sink, pctx);
+    case H_N:
+        handle_n(pctx, sink.num);
+        return sOKAY;
+    case H_PERCENT:
+        return sink.emit('%');
+    }
+    return sOKAY;
+}
+
+// The directive at the position, which moves behind it, but never behind the NUL.
+template <class Sink>
+static ZYN_RETCODE handle_fmt(Sink& sink, ZYN_PRINTF_CTX& pctx)
+{
+    FORMAT_CTX& fctx = pctx.fctx;
+    fctx = {.flags = 0,
+            .conv = C_DEFAULT,
+            .base = 0,
+            .width = 0,
+            .precision = NOT_GIVEN,
+            .fmt = fctx.fmt + 1,
+            .lc = nullptr};
+    CONVERSION type = parse_type(fctx);
+    if (type.handler == H_NONE) { // most directives are their conversion character alone
+        const ZYN_RETCODE rc = parse_directive(pctx);
+        if (rc != sOKAY)
+            return rc;
+        type = parse_type(fctx);
+    }
+    fctx.fmt += *fctx.fmt != '\0';
+    fctx.base = type.base;
+    fctx.flags = static_cast<uint16_t>(fctx.flags | type.flags);
+    return handle_type(sink, pctx, type.handler);
+}
+
+// ---- The engine ----
+
+// Which of the 16 bytes at `text` are '%', the first one in the lowest bit.
+static inline uint32_t percent_signs(const char* text)
+{
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+    const __m128i hits = _mm_cmpeq_epi8(block, _mm_set1_epi8('%'));
+    return static_cast<uint32_t>(_mm_movemask_epi8(hits));
+}
+
+// The first '%' from `text` on, or `end`. The blocks stay within the format: the last one reaches
+// back over bytes that are behind us already, and a format too short for that goes by single bytes.
+static inline const char* find_directive(const char* start, const char* text, const char* end)
+{
+    for (; end - text >= 16; text += 16)
+        if (const uint32_t hits = percent_signs(text))
+            return text + std::countr_zero(hits);
+    if (end - start >= 16) {
+        const uint32_t hits = percent_signs(end - 16) >> (16 - (end - text));
+        return hits != 0 ? text + std::countr_zero(hits) : end;
+    }
+    while (text != end && *text != '%')
+        ++text;
+    return text;
+}
+
+// Formats with the arguments that `pctx` holds; its directive is the engine's own.
+template <class Sink>
+static ZYN_RETCODE format(Sink& sink, const char* fmt, ZYN_PRINTF_CTX& pctx)
+{
+    const char* const end = fmt + strlen(fmt);
+    ZYN_RETCODE rc = sOKAY;
+    for (const char* pos = fmt; rc == sOKAY && pos != end;) {
+        const char* const text = pos;
+        pos = find_directive(fmt, text, end);
+        if (pos != text) {
+            rc = sink.emitrun(text, static_cast<size_t>(pos - text));
+        } else {
+            pctx.fctx.fmt = pos;
+            rc = handle_fmt(sink, pctx);
+            pos = pctx.fctx.fmt;
+        }
+    }
+    return rc;
+}
+
+static ZYN_RETCODE format_calling(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, const char* fmt,
+                                  ZYN_PRINTF_CTX& pctx)
+{
+    CALLBACK_SINK sink{fcn, ctx, 0};
+    return format(sink, fmt, pctx);
+}
+
+static int format_bounded(char* str, size_t size, const char* fmt, ZYN_PRINTF_CTX& pctx)
+{
+    const bool store = str != nullptr && size != 0;
+    BUFFER_SINK sink{str, store ? size - 1 : 0, 0};
+    if (format(sink, fmt, pctx) != sOKAY)
+        return -1;
+    if (store)
+        str[std::min(sink.num, sink.size)] = '\0';
+    return sink.num < INT32_MAX - 1 ? static_cast<int>(sink.num) : -1;
+}
+
+// A caller's list is copied. The list of a variadic function is nobody else's and used as it is:
+// reading it back right after its making, for a copy, costs more than a short directive.
+
+ZYN_RETCODE psp_vfnprintf(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, const char* fmt, va_list args)
+{
+    ZYN_PRINTF_CTX pctx;
+    va_copy(pctx.args, args);
+    const ZYN_RETCODE rc = format_calling(fcn, ctx, fmt, pctx);
+    va_end(pctx.args);
+    return rc;
+}
+
+ZYN_RETCODE psp_fnprintf(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, const char* fmt, ...)
+{
+    ZYN_PRINTF_CTX pctx;
+    va_start(pctx.args, fmt);
+    const ZYN_RETCODE rc = format_calling(fcn, ctx, fmt, pctx);
+    va_end(pctx.args);
+    return rc;
+}
+
+int psp_vsnprintf(char* str, size_t size, const char* fmt, va_list args)
+{
+    ZYN_PRINTF_CTX pctx;
+    va_copy(pctx.args, args);
+    const int length = format_bounded(str, size, fmt, pctx);
+    va_end(pctx.args);
+    return length;
+}
+
+int psp_snprintf(char* str, size_t size, const char* fmt, ...)
+{
+    ZYN_PRINTF_CTX pctx;
+    va_start(pctx.args, fmt);
+    const int length = format_bounded(str, size, fmt, pctx);
+    va_end(pctx.args);
+    return length;
+}
