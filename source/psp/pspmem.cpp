@@ -46,14 +46,17 @@ constexpr Allocated REFUSED = {nullptr, nullptr};
 
 // ---- Tag resolution ----
 
-// Setting the value again even when it is there catches a thread that lost its storage.
+// The value is set on every use, and a tag that it cannot be set to loses its memory. A new tag
+// goes altogether; one that the thread has already only becomes empty, because the thread's value,
+// which could not be changed, still leads to it.
 PSP_MEMTAG thread_tag()
 {
     auto* tag = static_cast<PSP_MEMTAG>(pthread_getspecific(tagTLSkey));
-    if (!tag)
+    const bool is_new = !tag;
+    if (is_new)
         tag = psp_createTagEx(nullptr, 0, BLOCK_ALLOCATOR, nullptr, nullptr, __FILE__, __LINE__);
     if (tag && pthread_setspecific(tagTLSkey, tag) != 0) {
-        psp_freeTagMem(tag, ZYN_TRUE, __FILE__, __LINE__);
+        psp_freeTagMem(tag, is_new ? ZYN_TRUE : ZYN_FALSE, __FILE__, __LINE__);
         return nullptr;
     }
     return tag;

@@ -101,18 +101,29 @@ PSP_POOL_HDR* getNextAvailableEntry(PSP_POOL pool, size_t size)
     return nullptr;
 }
 
-// An object under the pool's mutex. Kept out of line, as put_object is: a pool without a mutex
-// reuses objects on a shorter way.
-[[gnu::noinline]] PSP_POOL_HDR* get_object(PSP_POOL pool, size_t size)
+// Gives an object the contents that the mode asks for.
+void* fill(PSP_POOL_HDR* hdr, size_t size, int32_t mode, const void* data)
+{
+    if (mode == PSP_MEM_ZERO)
+        return memset(hdr + 1, 0, size);
+    if (mode == PSP_MEM_COPY && data)
+        return memcpy(hdr + 1, data, size);
+    return hdr + 1;
+}
+
+// Any request. Kept out of line, as put_object is: a pool without a mutex that has an object at
+// hand goes a shorter way.
+[[gnu::noinline]] void* get_object(PSP_POOL pool, size_t size, int32_t mode, const void* data)
 {
     mem_enter(pool->sem);
     PSP_POOL_HDR* hdr = getNextAvailableEntry(pool, size);
     if (!hdr)
         hdr = createObject(pool, size);
     mem_exit(pool->sem);
-    if (!hdr)
-        psp_memRaise(pool->tag);
-    return hdr;
+    if (hdr)
+        return fill(hdr, size, mode, data);
+    psp_memRaise(pool->tag);
+    return nullptr;
 }
 
 bool has_room(PSP_POOL pool)
@@ -174,15 +185,9 @@ void* psp_poolGetMem(PSP_POOL hPool, size_t sz, int32_t mode, const void* data, 
 {
     if (!hPool || relaxed_load(psp_inited) == 0)
         return nullptr;
-    const bool at_hand = hPool->sem == PSP_SEM_INVALID && head_serves(hPool, sz);
-    PSP_POOL_HDR* const hdr = at_hand ? pop_idle(hPool) : get_object(hPool, sz);
-    if (!hdr)
-        return nullptr;
-    if (mode == PSP_MEM_ZERO)
-        return memset(hdr + 1, 0, sz);
-    if (mode == PSP_MEM_COPY && data)
-        return memcpy(hdr + 1, data, sz);
-    return hdr + 1;
+    if (hPool->sem == PSP_SEM_INVALID && head_serves(hPool, sz)) [[likely]]
+        return fill(pop_idle(hPool), sz, mode, data);
+    return get_object(hPool, sz, mode, data);
 }
 
 void psp_poolPut(PSP_POOL hPool, const void* ptr)
