@@ -76,8 +76,6 @@ ZYN_RETCODE psp_osTmpdir(char** dir)
 // Fills the choice unless another thread was faster; it stays empty when none can be made.
 void choose()
 {
-    // The probes need the file layer's state. Making it may jump, finding it cannot.
-    psp_fileGlobals();
     ZYN_RETCODE rc = sOKAY;
     psp_enterCritSec();
     if (psp_tmp.load(std::memory_order_relaxed) == nullptr) {

@@ -15,6 +15,7 @@
 #include "psp/sync.h"
 #include "psp_atomic.h"
 #include "psp_file_int.h"
+#include "pspint.h"
 #include "pspposix.h"
 
 namespace {
@@ -110,11 +111,13 @@ void psp_fileTerm(void* data)
     globals->fileTag = nullptr;
 }
 
+// Never jumps: files are opened and closed under locks of the layers above.
 PSP_FILE_GLOBALS* psp_fileGlobals()
 {
     void* globals = nullptr;
-    const ZYN_RETCODE rc =
-        psp_globalGet("pspfile", sizeof(PSP_FILE_GLOBALS), psp_fileInit, psp_fileTerm, &globals);
+    bool exhausted = false;
+    const ZYN_RETCODE rc = psp_globalTryGet("pspfile", sizeof(PSP_FILE_GLOBALS), psp_fileInit,
+                                            psp_fileTerm, &globals, &exhausted);
     return rc == sOKAY ? static_cast<PSP_FILE_GLOBALS*>(globals) : nullptr;
 }
 

@@ -166,8 +166,8 @@ void psp_globalTerm()
     psp_syncDelete(sem);
 }
 
-ZYN_RETCODE psp_globalGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
-                          PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal)
+ZYN_RETCODE psp_globalTryGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
+                             PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal, bool* exhausted)
 {
     if (size == 0 || !name || !pglobal)
         return eINVNULLARG;
@@ -182,7 +182,17 @@ ZYN_RETCODE psp_globalGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN c
     else
         added = addGlobalEntry(at.index, name, size, create_fcn, delete_fcn, pglobal);
     psp_syncExitExcl(sem);
-    if (added.no_memory)
-        psp_memRaise(PSP_GLOBAL_TAG);
+    *exhausted = added.no_memory;
     return added.rc;
+}
+
+ZYN_RETCODE psp_globalGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
+                          PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal)
+{
+    bool exhausted = false;
+    const ZYN_RETCODE rc =
+        psp_globalTryGet(name, size, create_fcn, delete_fcn, pglobal, &exhausted);
+    if (exhausted)
+        psp_memRaise(PSP_GLOBAL_TAG);
+    return rc;
 }

@@ -3,6 +3,7 @@
 // that go up a layer. Everything here is hidden in the shared library.
 #pragma once
 
+#include "psp/global.h"
 #include "psp/mem.h"
 #include "psptypes.h"
 
@@ -35,3 +36,7 @@ void* psp_memTryGet(size_t size, PSP_MEMTAG tag, int32_t mode, const void* data)
 void* psp_memTryExtend(const void* ptr, size_t newsize, PSP_MEMTAG tag, int32_t mode,
                        size_t incsize, const void* data);
 void psp_memRaise(PSP_MEMTAG tag);
+
+// psp_globalGet without the jump; `exhausted` is set when PSP_GLOBAL_TAG ran out of memory.
+ZYN_RETCODE psp_globalTryGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
+                             PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal, bool* exhausted);

@@ -364,8 +364,11 @@ void* psp_memTryExtend(const void* ptr, size_t newsize, PSP_MEMTAG tag, int32_t 
     return extend_memory(ptr, newsize, tag, mode, incsize, data).ptr;
 }
 
+// Before the start there are no tags, and the thread's key is not this library's.
 void psp_memRaise(PSP_MEMTAG tag)
 {
+    if (relaxed_load(psp_inited) == 0)
+        return;
     const PSP_MEMTAG real = getCorrectTag(tag);
     if (real)
         jump_from(real);
