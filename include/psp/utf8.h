@@ -111,9 +111,8 @@ PSP_API size_t psp_utf8_to_wchar_len(wchar_t* dest, size_t destlen, const char* 
  *         the text is malformed or the allocation fails (under a tag with a jump buffer a failed
  *         allocation jumps instead)
  */
-PSP_API PSP_MUST_USE wchar_t* psp_convToWchar(const char* str,
-                                              PSP_UTF8_ERROR_BEHAVIOR errorBehavior,
-                                              PSP_MEMTAG tag);
+PSP_API PSP_MUST_USE wchar_t*
+psp_convToWchar(const char* str, PSP_UTF8_ERROR_BEHAVIOR errorBehavior, PSP_MEMTAG tag);
 
 /**
  * psp_convToWchar() with a status.

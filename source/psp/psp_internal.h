@@ -1,10 +1,10 @@
-// The inside of formatted output and of UTF-8 decoding: the records of one engine call, the two
-// sinks that the engine is compiled for, and the decoder that the UTF-8 functions share.
+// The inside of formatted output and of UTF-8 decoding: the records of one engine call, the sinks
+// that the engine is compiled for, and the decoder that the UTF-8 functions share.
 //
-// The engine is written once, over a sink. A sink counts every byte in `num` before it goes out and
-// returns a status; the callback sink makes one call a byte, the buffer sink copies whole runs and
-// never fails, so that its status checks vanish in compilation. Both show the same bytes and the
-// same counts at every moment that a caller can look.
+// The engine is written once, over a sink. A sink counts every byte before it goes out and returns
+// a status; the callback sink makes one call a byte, the buffer sink copies whole runs and never
+// fails, so that its status checks vanish in compilation. Both show the same bytes and the same
+// counts at every moment that a caller can look.
 #pragma once
 
 #include "psp/utf8.h"
@@ -69,15 +69,15 @@ inline constexpr size_t MAX_DIGITS = 43;
 
 // The layout of one integer: left spaces, sign, prefix, zeros, digits, right spaces.
 struct INT_FORMAT {
-    char sign;              // '-', '+', ' ', or 0 for none
-    const char* prefix;     // "0", "0x", "0X", or NULL for none
-    size_t len;             // number of digits
-    size_t lspadlen;        // spaces before
-    size_t rspadlen;        // spaces after
-    size_t zpadlen;         // zeros between prefix and digits
-    size_t separators;      // bytes that grouping adds
-    char tmp[MAX_DIGITS];   // the digits, where they cannot go into the output at once
-    uintmax_t uval;         // the magnitude
+    char sign;            // '-', '+', ' ', or 0 for none
+    const char* prefix;   // "0", "0x", "0X", or NULL for none
+    size_t len;           // number of digits
+    size_t lspadlen;      // spaces before
+    size_t rspadlen;      // spaces after
+    size_t zpadlen;       // zeros between prefix and digits
+    size_t separators;    // bytes that grouping adds
+    char tmp[MAX_DIGITS]; // the digits, where they cannot go into the output at once
+    uintmax_t uval;       // the magnitude
 };
 
 // The layout of one floating value: padding, sign, integer digits, point, zeros, fraction digits,
@@ -105,9 +105,9 @@ struct FLT_FORMAT {
 
 // ---- Sinks ----
 //
-// emit, emitn and emitrun write a byte, a byte n times, n bytes. claim gives room for n bytes in the
-// output itself, to be filled at once, or NULL where there is none: then they go through emitrun.
-// A sink that is full only counts.
+// emit, emitn and emitstr write a byte, a byte n times, n bytes. claim gives room for n bytes in
+// the output itself, to be filled at once, or NULL where there is none: then they go through
+// emitstr. A sink that is full only counts; num tells the bytes so far.
 
 // Copies a short run without the cost of a call; the ranges do not overlap. Above three bytes it
 // moves two halves that may overlap, so that no byte outside the run is touched.
@@ -135,9 +135,11 @@ inline void copy_run(char* to, const char* from, size_t n)
     }
 }
 
-// Likewise for a byte that is repeated.
+// Likewise for a byte that is repeated; most often it is not there at all.
 inline void fill_run(char* to, char ch, size_t n)
 {
+    if (n == 0)
+        return;
     const uint64_t bytes = 0x0101010101010101 * static_cast<unsigned char>(ch);
     if (n > 16) {
         memset(to, ch, n);
@@ -147,7 +149,7 @@ inline void fill_run(char* to, char ch, size_t n)
     } else if (n >= 4) {
         memcpy(to, &bytes, 4);
         memcpy(to + n - 4, &bytes, 4);
-    } else if (n != 0) {
+    } else {
         to[0] = to[n / 2] = to[n - 1] = ch;
     }
 }
@@ -156,11 +158,11 @@ inline void fill_run(char* to, char ch, size_t n)
 struct CALLBACK_SINK {
     ZYN_OUTPUT_FCN fcn;
     ZYN_OUTPUT_CTX ctx; // the callback's own
-    size_t num;         // bytes handed over, the one under way included
+    size_t count;       // bytes handed over, the one under way included
 
     ZYN_RETCODE emit(char ch)
     {
-        ++num;
+        ++count;
         return fcn(ctx, static_cast<unsigned char>(ch));
     }
 
@@ -172,7 +174,7 @@ struct CALLBACK_SINK {
         return rc;
     }
 
-    ZYN_RETCODE emitrun(const char* bytes, size_t n)
+    ZYN_RETCODE emitstr(const char* bytes, size_t n)
     {
         ZYN_RETCODE rc = sOKAY;
         for (size_t i = 0; i < n && rc == sOKAY; ++i)
@@ -189,9 +191,14 @@ struct CALLBACK_SINK {
     {
         return false;
     }
+
+    size_t num() const
+    {
+        return count;
+    }
 };
 
-// Writes into room that has been claimed for everything.
+// Writes into room that has been claimed for a whole field, without looking for its end.
 struct ROOM_SINK {
     char* pos;
 
@@ -208,7 +215,7 @@ struct ROOM_SINK {
         return sOKAY;
     }
 
-    ZYN_RETCODE emitrun(const char* bytes, size_t n)
+    ZYN_RETCODE emitstr(const char* bytes, size_t n)
     {
         copy_run(pos, bytes, n);
         pos += n;
@@ -229,46 +236,64 @@ struct ROOM_SINK {
 // Stores what fits and counts everything, as a ZYN_OUTPUT_BUFF does byte by byte. Bytes behind the
 // text are never touched, not even for a moment.
 struct BUFFER_SINK {
-    char* buff;
-    size_t size; // bytes that may be stored, 0 to count only
-    size_t num;  // bytes made; the first min(num, size) of them are stored
+    char* start;
+    char* pos;   // where the next byte goes
+    char* end;   // end of what may be stored
+    size_t lost; // bytes that did not fit
 
     ZYN_RETCODE emit(char ch)
     {
-        if (num < size)
-            buff[num] = ch;
-        ++num;
+        if (pos != end)
+            *pos++ = ch;
+        else
+            ++lost;
         return sOKAY;
     }
 
     ZYN_RETCODE emitn(char ch, size_t n)
     {
-        if (num < size)
-            fill_run(buff + num, ch, std::min(n, size - num));
-        num += n;
+        if (n > room()) [[unlikely]]
+            n = cut(n);
+        fill_run(pos, ch, n);
+        pos += n;
         return sOKAY;
     }
 
-    ZYN_RETCODE emitrun(const char* bytes, size_t n)
+    ZYN_RETCODE emitstr(const char* bytes, size_t n)
     {
-        if (num < size)
-            copy_run(buff + num, bytes, std::min(n, size - num));
-        num += n;
+        if (n > room()) [[unlikely]]
+            n = cut(n);
+        copy_run(pos, bytes, n);
+        pos += n;
         return sOKAY;
     }
 
     char* claim(size_t n)
     {
-        if (full() || n > size - num)
-            return nullptr;
-        char* const room = buff + num;
-        num += n;
-        return room;
+        return n <= room() ? std::exchange(pos, pos + n) : nullptr;
     }
 
     bool full() const
     {
-        return num >= size;
+        return pos == end;
+    }
+
+    size_t num() const
+    {
+        return static_cast<size_t>(pos - start) + lost;
+    }
+
+  private:
+    size_t room() const
+    {
+        return static_cast<size_t>(end - pos);
+    }
+
+    // Gives up what does not fit of n bytes; returns how many do.
+    size_t cut(size_t n)
+    {
+        lost += n - room();
+        return room();
     }
 };
 
@@ -311,7 +336,7 @@ template <class Sink>
 ZYN_RETCODE printsep(Sink& sink, FORMAT_CTX& fctx)
 {
     const char* const sep = get_thousands_sep(fctx);
-    return sink.emitrun(sep, strlen(sep));
+    return sink.emitstr(sep, strlen(sep));
 }
 
 // Emits the `len` digits of `val`. `tmp`, MAX_DIGITS bytes, holds them where the output has no room
@@ -324,7 +349,7 @@ ZYN_RETCODE print_digits(Sink& sink, const FORMAT_CTX& fctx, uintmax_t val, size
         return sink.emitn('0', len); // they only count
     char* const start = room != nullptr ? room : tmp;
     convert(start + len, val, fctx.base, fctx.flags & FLAG_UPPER);
-    return room != nullptr ? sOKAY : sink.emitrun(start, len);
+    return room != nullptr ? sOKAY : sink.emitstr(start, len);
 }
 
 // The same in groups of three from the right.
@@ -333,11 +358,11 @@ ZYN_RETCODE print_groups(Sink& sink, FORMAT_CTX& fctx, uintmax_t val, size_t len
 {
     convert(tmp + len, val, fctx.base, fctx.flags & FLAG_UPPER);
     const size_t first = (len - 1) % 3 + 1;
-    ZYN_RETCODE rc = sink.emitrun(tmp, first);
+    ZYN_RETCODE rc = sink.emitstr(tmp, first);
     for (size_t i = first; i < len && rc == sOKAY; i += 3) {
         rc = printsep(sink, fctx);
         if (rc == sOKAY)
-            rc = sink.emitrun(tmp + i, 3);
+            rc = sink.emitstr(tmp + i, 3);
     }
     return rc;
 }

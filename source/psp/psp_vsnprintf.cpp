@@ -1,6 +1,6 @@
 // The formatting engine: walks a format, copies what is between the directives and hands each
 // directive to its conversion. Integers, strings, characters and pointers are here, floating values
-// in psp_float.cpp.
+// in psp_float.cpp, the digits of both in psp_digits.cpp.
 //
 // One pass over the format, one over each argument. A directive is parsed into a FORMAT_CTX, laid
 // out (all lengths first), then emitted from left to right. Everything lives on the stack; the
@@ -15,76 +15,6 @@
 #include <utility>
 
 #include <emmintrin.h>
-
-// ---- Digits ----
-
-// clang-format off
-static const char DIGIT_PAIRS[] =
-    "00010203040506070809" "10111213141516171819" "20212223242526272829" "30313233343536373839"
-    "40414243444546474849" "50515253545556575859" "60616263646566676869" "70717273747576777879"
-    "80818283848586878889" "90919293949596979899";
-// clang-format on
-
-static inline char* put_pair(char* end, uint32_t val)
-{
-    memcpy(end - 2, DIGIT_PAIRS + val * 2, 2);
-    return end - 2;
-}
-
-// Eight digits in two halves that do not wait for each other.
-static inline char* put_eight(char* end, uint32_t val)
-{
-    const uint32_t high = val / 10000, low = val % 10000;
-    put_pair(end, low % 100);
-    put_pair(end - 2, low / 100);
-    put_pair(end - 4, high % 100);
-    return put_pair(end - 6, high / 100);
-}
-
-static void convert_decimal(char* end, uintmax_t val)
-{
-    for (; val >= 100000000; val /= 100000000)
-        end = put_eight(end, static_cast<uint32_t>(val % 100000000));
-    auto rest = static_cast<uint32_t>(val);
-    for (; rest >= 100; rest /= 100)
-        end = put_pair(end, rest % 100);
-    if (rest >= 10)
-        put_pair(end, rest);
-    else
-        end[-1] = static_cast<char>('0' + rest);
-}
-
-void convert(char* end, uintmax_t val, uint32_t base, bool upper)
-{
-    if (base == 10)
-        return convert_decimal(end, val);
-    const char* const digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    const uint32_t bits = base == 16 ? 4 : 3;
-    do {
-        *--end = digits[val & (base - 1)];
-        val >>= bits;
-    } while (val != 0);
-}
-
-// ---- Locale ----
-
-const lconv& setup_locale(FORMAT_CTX& fctx)
-{
-    if (fctx.lc == nullptr)
-        fctx.lc = localeconv();
-    return *fctx.lc;
-}
-
-const char* get_thousands_sep(FORMAT_CTX& fctx)
-{
-    const char* const sep = setup_locale(fctx).thousands_sep;
-    return sep != nullptr ? sep : ",";
-}
-
-size_t getnumsep(FORMAT_CTX& fctx, size_t len)
-{
-    return ((len + 2) / 3 - 1) * strlen(get_thousands_sep(fctx));
-}
 
 // ---- Integers ----
 
@@ -108,7 +38,6 @@ static void calc_int_sign(const FORMAT_CTX& fctx, intmax_t val, INT_FORMAT& layo
 // 0 wraps to NOT_GIVEN by that.
 static void calc_int_prefix(FORMAT_CTX& fctx, INT_FORMAT& layout)
 {
-    layout.prefix = nullptr;
     if (!(fctx.flags & (FLAG_ALT | FLAG_POINTER)) || layout.uval == 0)
         return;
     if (fctx.base == 16) {
@@ -120,8 +49,7 @@ static void calc_int_prefix(FORMAT_CTX& fctx, INT_FORMAT& layout)
     }
 }
 
-// Sets the padding that brings `total` bytes to the width.
-static void calc_int_padding(const FORMAT_CTX& fctx, size_t total, INT_FORMAT& layout)
+static inline void calc_int_padding(const FORMAT_CTX& fctx, size_t total, INT_FORMAT& layout)
 {
     if (total >= fctx.width)
         return;
@@ -134,11 +62,11 @@ static void calc_int_padding(const FORMAT_CTX& fctx, size_t total, INT_FORMAT& l
         layout.lspadlen = missing;
 }
 
-// Separators count twice where a precision exceeds the digits: once within the precision and once
-// beside it.
-static void calc_int_format(FORMAT_CTX& fctx, INT_FORMAT& layout)
+// Prefix, precision and separators: what a directive seldom asks for. Returns the number of bytes
+// that they and the digits come to. Separators count twice where a precision exceeds the digits:
+// once within the precision and once beside it.
+static size_t calc_int_body(FORMAT_CTX& fctx, INT_FORMAT& layout)
 {
-    layout.lspadlen = layout.rspadlen = layout.zpadlen = layout.separators = 0;
     calc_int_prefix(fctx, layout);
     if (fctx.precision == 0 && layout.uval == 0)
         layout.len = 0;
@@ -151,15 +79,20 @@ static void calc_int_format(FORMAT_CTX& fctx, INT_FORMAT& layout)
         body = std::max(body, fctx.precision);
     }
     const size_t prefix_len = layout.prefix != nullptr ? strlen(layout.prefix) : 0;
-    calc_int_padding(fctx, layout.separators + body + (layout.sign != 0) + prefix_len, layout);
+    return layout.separators + body + prefix_len;
 }
 
-// The number of bytes that a layout without separators comes to.
-static size_t get_int_size(const INT_FORMAT& layout)
+// Lays out a sign and `len` digits; returns the size of the field.
+static inline size_t calc_int_format(FORMAT_CTX& fctx, INT_FORMAT& layout)
 {
-    const size_t prefix_len = layout.prefix != nullptr ? strlen(layout.prefix) : 0;
-    return layout.lspadlen + (layout.sign != 0) + prefix_len + layout.zpadlen + layout.len +
-           layout.rspadlen;
+    layout.prefix = nullptr;
+    layout.lspadlen = layout.rspadlen = layout.zpadlen = layout.separators = 0;
+    size_t total = layout.len;
+    if ((fctx.flags & (FLAG_ALT | FLAG_POINTER | FLAG_GROUP)) || fctx.precision != NOT_GIVEN)
+        total = calc_int_body(fctx, layout);
+    total += layout.sign != 0;
+    calc_int_padding(fctx, total, layout);
+    return std::max(total, fctx.width);
 }
 
 template <class Sink>
@@ -179,7 +112,7 @@ static ZYN_RETCODE output_int(Sink& sink, FORMAT_CTX& fctx, INT_FORMAT& layout)
     if (rc == sOKAY && layout.sign != 0)
         rc = sink.emit(layout.sign);
     if (rc == sOKAY && layout.prefix != nullptr)
-        rc = sink.emitrun(layout.prefix, strlen(layout.prefix));
+        rc = sink.emitstr(layout.prefix, strlen(layout.prefix));
     if (rc == sOKAY)
         rc = sink.emitn('0', layout.zpadlen);
     if (rc == sOKAY)
@@ -189,22 +122,6 @@ static ZYN_RETCODE output_int(Sink& sink, FORMAT_CTX& fctx, INT_FORMAT& layout)
     return rc;
 }
 
-template <class Sink>
-static ZYN_RETCODE format_int(Sink& sink, FORMAT_CTX& fctx, intmax_t val)
-{
-    INT_FORMAT layout;
-    calc_int_sign(fctx, val, layout);
-    layout.len = count_digits(layout.uval, fctx.base);
-    calc_int_format(fctx, layout);
-    if (!(fctx.flags & FLAG_GROUP)) {
-        if (char* const room = sink.claim(get_int_size(layout))) {
-            ROOM_SINK all{room};
-            return output_int(all, fctx, layout);
-        }
-    }
-    return output_int(sink, fctx, layout);
-}
-
 // Whether a directive asks for nothing but the digits and a minus sign.
 static inline bool is_plain(const FORMAT_CTX& fctx)
 {
@@ -212,9 +129,9 @@ static inline bool is_plain(const FORMAT_CTX& fctx)
            fctx.precision == NOT_GIVEN;
 }
 
-// What most directives are: format_int without a layout, for output that has the room.
+// What most directives are, without a layout; false when the output has no room for all of it.
 template <class Sink>
-static bool format_plain_int(Sink& sink, const FORMAT_CTX& fctx, intmax_t val)
+static inline bool format_plain_int(Sink& sink, const FORMAT_CTX& fctx, intmax_t val)
 {
     const bool negative = val < 0 && !(fctx.flags & FLAG_UNSIGNED);
     const uintmax_t uval = negative ? 0 - static_cast<uintmax_t>(val) : static_cast<uintmax_t>(val);
@@ -227,14 +144,28 @@ static bool format_plain_int(Sink& sink, const FORMAT_CTX& fctx, intmax_t val)
     return true;
 }
 
-static intmax_t get_int(ZYN_PRINTF_CTX& pctx)
+template <class Sink>
+static ZYN_RETCODE format_int(Sink& sink, FORMAT_CTX& fctx, intmax_t val)
+{
+    INT_FORMAT layout;
+    calc_int_sign(fctx, val, layout);
+    layout.len = count_digits(layout.uval, fctx.base);
+    const size_t size = calc_int_format(fctx, layout);
+    char* const room = fctx.flags & FLAG_GROUP ? nullptr : sink.claim(size);
+    if (room == nullptr)
+        return output_int(sink, fctx, layout);
+    ROOM_SINK whole{room};
+    return output_int(whole, fctx, layout);
+}
+
+static inline intmax_t get_int(ZYN_PRINTF_CTX& pctx)
 {
     const bool is_unsigned = pctx.fctx.flags & FLAG_UNSIGNED;
-    switch (pctx.fctx.conv) {
-    case C_DEFAULT: {
+    if (pctx.fctx.conv == C_DEFAULT) {
         const int val = va_arg(pctx.args, int);
         return is_unsigned ? static_cast<unsigned int>(val) : static_cast<intmax_t>(val);
     }
+    switch (pctx.fctx.conv) {
     case C_CHAR: {
         const int val = va_arg(pctx.args, int);
         return is_unsigned ? static_cast<uint8_t>(val) : static_cast<int8_t>(val);
@@ -261,32 +192,49 @@ static ZYN_RETCODE handle_integer(Sink& sink, ZYN_PRINTF_CTX& pctx)
 
 // ---- Strings, pointers, counts ----
 
+// Zeros never pad a string.
 template <class Sink>
-static ZYN_RETCODE format_str(Sink& sink, const FORMAT_CTX& fctx, const char* str)
+static ZYN_RETCODE output_padded_str(Sink& sink, const FORMAT_CTX& fctx, const char* str,
+                                     size_t len)
+{
+    const size_t missing = fctx.width - len;
+    const bool left = fctx.flags & FLAG_LEFT;
+    ZYN_RETCODE rc = sink.emitn(' ', left ? 0 : missing);
+    if (rc == sOKAY)
+        rc = sink.emitstr(str, len);
+    if (rc == sOKAY)
+        rc = sink.emitn(' ', left ? missing : 0);
+    return rc;
+}
+
+template <class Sink>
+static inline ZYN_RETCODE output_str(Sink& sink, const FORMAT_CTX& fctx, const char* str,
+                                     size_t len)
+{
+    if (len < fctx.width)
+        return output_padded_str(sink, fctx, str, len);
+    return sink.emitstr(str, len);
+}
+
+template <class Sink>
+static inline ZYN_RETCODE format_str(Sink& sink, const FORMAT_CTX& fctx, const char* str)
 {
     if (str == nullptr)
         str = fctx.precision < 6 ? "" : "(null)";
     const size_t len = fctx.precision == NOT_GIVEN ? strlen(str) : strnlen(str, fctx.precision);
-    if (len >= fctx.width)
-        return sink.emitrun(str, len);
-    const size_t missing = fctx.width - len;
-    ZYN_RETCODE rc = sOKAY;
-    if (!(fctx.flags & FLAG_LEFT))
-        rc = sink.emitn(' ', missing);
-    if (rc == sOKAY)
-        rc = sink.emitrun(str, len);
-    if (rc == sOKAY && (fctx.flags & FLAG_LEFT))
-        rc = sink.emitn(' ', missing);
-    return rc;
+    return output_str(sink, fctx, str, len);
 }
 
 template <class Sink>
 static ZYN_RETCODE handle_pointer(Sink& sink, ZYN_PRINTF_CTX& pctx)
 {
     const void* const ptr = va_arg(pctx.args, const void*);
-    if (ptr == nullptr)
-        return format_str(sink, pctx.fctx, "(nil)");
-    return format_int(sink, pctx.fctx, reinterpret_cast<intptr_t>(ptr));
+    if (ptr != nullptr)
+        return format_int(sink, pctx.fctx, reinterpret_cast<intptr_t>(ptr));
+    constexpr char NIL[] = "(nil)";
+    constexpr size_t whole = sizeof NIL - 1;
+    const size_t len = pctx.fctx.precision < whole ? pctx.fctx.precision : whole;
+    return output_str(sink, pctx.fctx, NIL, len);
 }
 
 template <class T>
@@ -358,9 +306,9 @@ static constexpr auto CONVERSIONS_BY_TYPE = [] {
     return by_type;
 }();
 
-static inline CONVERSION parse_type(const FORMAT_CTX& fctx)
+static inline const CONVERSION* parse_type(const FORMAT_CTX& fctx)
 {
-    return CONVERSIONS_BY_TYPE[static_cast<unsigned char>(*fctx.fmt)];
+    return &CONVERSIONS_BY_TYPE[static_cast<unsigned char>(*fctx.fmt)];
 }
 
 // clang-format off
@@ -396,14 +344,18 @@ static inline void parse_flags(FORMAT_CTX& fctx)
     }
 }
 
-// Adds the digits that stand here to `number`; eRANGE when it would pass INT32_MAX.
+// Reads the digits that stand here, 0 if there are none; eRANGE when they pass INT32_MAX.
 static inline ZYN_RETCODE parse_number(FORMAT_CTX& fctx, size_t& number)
 {
-    for (; *fctx.fmt >= '0' && *fctx.fmt <= '9'; ++fctx.fmt) {
-        number = number * 10 + static_cast<size_t>(*fctx.fmt - '0');
-        if (number > INT32_MAX)
+    const char* pos = fctx.fmt;
+    size_t sum = 0;
+    for (uint32_t digit; (digit = static_cast<uint32_t>(*pos - '0')) < 10; ++pos) {
+        sum = sum * 10 + digit;
+        if (sum > INT32_MAX)
             return eRANGE;
     }
+    fctx.fmt = pos;
+    number = sum;
     return sOKAY;
 }
 
@@ -491,7 +443,7 @@ static ZYN_RETCODE handle_type(Sink& sink, ZYN_PRINTF_CTX& pctx, HANDLER handler
     case H_POINTER:
         return handle_pointer(sink, pctx);
     case H_N:
-        handle_n(pctx, sink.num);
+        handle_n(pctx, sink.num());
         return sOKAY;
     case H_PERCENT:
         return sink.emit('%');
@@ -499,7 +451,7 @@ static ZYN_RETCODE handle_type(Sink& sink, ZYN_PRINTF_CTX& pctx, HANDLER handler
     return sOKAY;
 }
 
-// The directive at the position, which moves behind it, but never behind the NUL.
+// The directive behind the '%' at the position, which moves behind it, but never behind the NUL.
 template <class Sink>
 static ZYN_RETCODE handle_fmt(Sink& sink, ZYN_PRINTF_CTX& pctx)
 {
@@ -509,19 +461,19 @@ static ZYN_RETCODE handle_fmt(Sink& sink, ZYN_PRINTF_CTX& pctx)
             .base = 0,
             .width = 0,
             .precision = NOT_GIVEN,
-            .fmt = fctx.fmt + 1,
+            .fmt = fctx.fmt,
             .lc = nullptr};
-    CONVERSION type = parse_type(fctx);
-    if (type.handler == H_NONE) { // most directives are their conversion character alone
+    const CONVERSION* type = parse_type(fctx);
+    if (type->handler == H_NONE) { // most directives are their conversion character alone
         const ZYN_RETCODE rc = parse_directive(pctx);
         if (rc != sOKAY)
             return rc;
         type = parse_type(fctx);
     }
     fctx.fmt += *fctx.fmt != '\0';
-    fctx.base = type.base;
-    fctx.flags = static_cast<uint16_t>(fctx.flags | type.flags);
-    return handle_type(sink, pctx, type.handler);
+    fctx.base = type->base;
+    fctx.flags = static_cast<uint16_t>(fctx.flags | type->flags);
+    return handle_type(sink, pctx, type->handler);
 }
 
 // ---- The engine ----
@@ -555,19 +507,22 @@ template <class Sink>
 static ZYN_RETCODE format(Sink& sink, const char* fmt, ZYN_PRINTF_CTX& pctx)
 {
     const char* const end = fmt + strlen(fmt);
-    ZYN_RETCODE rc = sOKAY;
-    for (const char* pos = fmt; rc == sOKAY && pos != end;) {
-        const char* const text = pos;
-        pos = find_directive(fmt, text, end);
-        if (pos != text) {
-            rc = sink.emitrun(text, static_cast<size_t>(pos - text));
-        } else {
-            pctx.fctx.fmt = pos;
-            rc = handle_fmt(sink, pctx);
-            pos = pctx.fctx.fmt;
+    const char* pos = fmt;
+    while (pos != end) {
+        if (*pos != '%') {
+            const char* const text = pos;
+            pos = find_directive(fmt, text, end);
+            const ZYN_RETCODE rc = sink.emitstr(text, static_cast<size_t>(pos - text));
+            if (rc != sOKAY || pos == end)
+                return rc;
         }
+        pctx.fctx.fmt = pos + 1;
+        const ZYN_RETCODE rc = handle_fmt(sink, pctx);
+        if (rc != sOKAY)
+            return rc;
+        pos = pctx.fctx.fmt;
     }
-    return rc;
+    return sOKAY;
 }
 
 static ZYN_RETCODE format_calling(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, const char* fmt,
@@ -580,12 +535,14 @@ static ZYN_RETCODE format_calling(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, const 
 static int format_bounded(char* str, size_t size, const char* fmt, ZYN_PRINTF_CTX& pctx)
 {
     const bool store = str != nullptr && size != 0;
-    BUFFER_SINK sink{str, store ? size - 1 : 0, 0};
+    const size_t room = store ? std::min(size - 1, size_t{PTRDIFF_MAX}) : 0; // SIZE_MAX: no bound
+    BUFFER_SINK sink{str, str, str + room, 0};
     if (format(sink, fmt, pctx) != sOKAY)
         return -1;
     if (store)
-        str[std::min(sink.num, sink.size)] = '\0';
-    return sink.num < INT32_MAX - 1 ? static_cast<int>(sink.num) : -1;
+        *sink.pos = '\0';
+    const size_t length = sink.num();
+    return length < INT32_MAX - 1 ? static_cast<int>(length) : -1;
 }
 
 // A caller's list is copied. The list of a variadic function is nobody else's and used as it is:

@@ -13,7 +13,7 @@ void psp_utf8BuffInit(ZYN_OUTPUT_BUFF* info, char* buff, size_t size)
 
 static void emitUtf8Char(ZYN_OUTPUT_BUFF& info, char byte)
 {
-    if (info.used_elems >= info.size)
+    if (info.buff == nullptr || info.used_elems >= info.size)
         info.done = ZYN_TRUE;
     if (!info.done) {
         info.buff[info.used_elems++] = byte;

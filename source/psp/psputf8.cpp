@@ -159,7 +159,7 @@ struct DECODER {
         if constexpr (requires { source.ascii_run(); }) {
             if (used == 0) {
                 const std::span<const char> run = source.ascii_run();
-                const ZYN_RETCODE rc = sink.emitrun(run.data(), run.size());
+                const ZYN_RETCODE rc = sink.emitstr(run.data(), run.size());
                 if (rc != sOKAY)
                     return rc;
             }
@@ -237,7 +237,7 @@ struct STRING_SOURCE {
     }
 };
 
-// ---- Sinks: emit() takes a code point, emitrun() ASCII characters. ----
+// ---- Sinks: emit() takes a code point, emitstr() ASCII characters. ----
 
 struct CALLBACK_OUTPUT {
     ZYN_OUTPUT_FCN outfcn;
@@ -260,7 +260,7 @@ struct OUTPUT {
         return Emit(ctx, ch);
     }
 
-    ZYN_RETCODE emitrun(const char* chars, size_t n)
+    ZYN_RETCODE emitstr(const char* chars, size_t n)
     {
         return EmitRun(ctx, chars, n);
     }
@@ -446,9 +446,8 @@ static size_t convert_to_wchar(wchar_t* dest, size_t destlen, Process process)
 size_t psp_utf8_to_wchar(wchar_t* dest, const char* src, size_t destlen,
                          PSP_UTF8_ERROR_BEHAVIOR errorBehavior)
 {
-    return convert_to_wchar(dest, destlen, [=](auto output) {
-        return psp_processString(src, output, errorBehavior);
-    });
+    return convert_to_wchar(
+        dest, destlen, [=](auto output) { return psp_processString(src, output, errorBehavior); });
 }
 
 size_t psp_utf8_to_wchar_len(wchar_t* dest, size_t destlen, const char* src, size_t srclen,
