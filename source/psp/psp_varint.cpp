@@ -1,14 +1,14 @@
 // Variable-length integers through byte callbacks.
 //
-// Encoding finds the length by at most four comparisons and then runs straight-line code for it,
-// one call to the callback after the other. Decoding looks the length up by the first byte and
-// runs one loop for all lengths: code for each length would have to be chosen by a byte that has
-// only just arrived, and a wrong guess of the processor costs more than the loop.
+// Encoding finds the length by at most four comparisons, decoding by the first byte; the length's
+// row in the codec table then does the work. Encoding calls the row's function directly and runs
+// straight-line code, one call to the callback after the other. Decoding has to jump to a row that
+// a byte which has only just arrived chooses, and all rows share one loop behind it: with lengths
+// mixed by chance, code of its own for each length takes half as long again.
 //
 // Callbacks may leave by longjmp: nothing is held across a call.
-#include "psp/varint.h"
+#include "psp_varint_int.h"
 
-#include <array>
 #include <type_traits>
 #include <utility>
 
@@ -34,8 +34,81 @@ constexpr std::array<Layout, 10> layouts = {{
     {0x1080808204080,   0xF9, 0x00},
     {0x101080808204080, 0xFA, 0x00},
 }};
+// clang-format on
 
-// How many bytes follow a first byte. 0xFB to 0xFF begin no encoding: 9 and more.
+// Puts out the lower `Count` bytes of the payload, the most significant one first.
+template <size_t Count>
+inline ZYN_RETCODE outputBytes(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, uintmax_t payload)
+{
+#pragma GCC unroll 8
+    for (size_t left = Count; left > 0; left--) {
+        const auto byte = static_cast<uint8_t>(payload >> (8 * (left - 1)));
+        if (const ZYN_RETCODE rc = fcn(ctx, byte); rc != sOKAY)
+            return rc;
+    }
+    return sOKAY;
+}
+
+// Takes `count` bytes more behind the payload's first bits. The sum may wrap: nine bytes hold more
+// than the largest value.
+ZYN_RETCODE decodeBytes(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t count, uintmax_t payload,
+                        uintmax_t offset, uintmax_t* val)
+{
+    for (; count > 0; count--) {
+        uint32_t byte = 0;
+        if (const ZYN_RETCODE rc = fcn(ctx, &byte); rc != sOKAY)
+            return rc;
+        payload = (payload << 8) | byte;
+    }
+    *val = payload + offset;
+    return sOKAY;
+}
+
+template <size_t Size>
+ZYN_RETCODE encode(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, uintmax_t val)
+{
+    constexpr Layout layout = layouts[Size];
+    const uintmax_t payload = val - layout.offset;
+    uint32_t first = layout.mark;
+    if constexpr (layout.mask != 0)
+        first |= static_cast<uint8_t>(payload >> (8 * (Size - 1)));
+    if (const ZYN_RETCODE rc = fcn(ctx, first); rc != sOKAY)
+        return rc;
+    return outputBytes<Size - 1>(fcn, ctx, payload);
+}
+
+template <size_t Size>
+ZYN_RETCODE decode(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uint8_t first, uintmax_t* val)
+{
+    constexpr Layout layout = layouts[Size];
+    return decodeBytes(fcn, ctx, Size - 1, first & layout.mask, layout.offset, val);
+}
+
+// clang-format off
+constexpr auto& encode_1_byte  = encode<1>;    constexpr auto& decode_1_byte  = decode<1>;
+constexpr auto& encode_2_bytes = encode<2>;    constexpr auto& decode_2_bytes = decode<2>;
+constexpr auto& encode_3_bytes = encode<3>;    constexpr auto& decode_3_bytes = decode<3>;
+constexpr auto& encode_4_bytes = encode<4>;    constexpr auto& decode_4_bytes = decode<4>;
+constexpr auto& encode_5_bytes = encode<5>;    constexpr auto& decode_5_bytes = decode<5>;
+constexpr auto& encode_6_bytes = encode<6>;    constexpr auto& decode_6_bytes = decode<6>;
+constexpr auto& encode_7_bytes = encode<7>;    constexpr auto& decode_7_bytes = decode<7>;
+constexpr auto& encode_8_bytes = encode<8>;    constexpr auto& decode_8_bytes = decode<8>;
+constexpr auto& encode_9_bytes = encode<9>;    constexpr auto& decode_9_bytes = decode<9>;
+
+} // namespace
+
+constexpr std::array<PSP_ENCODE_INFO, 9> psp_encoder_fcns = {{
+    {1, encode_1_byte,  decode_1_byte},
+    {2, encode_2_bytes, decode_2_bytes},
+    {3, encode_3_bytes, decode_3_bytes},
+    {4, encode_4_bytes, decode_4_bytes},
+    {5, encode_5_bytes, decode_5_bytes},
+    {6, encode_6_bytes, decode_6_bytes},
+    {7, encode_7_bytes, decode_7_bytes},
+    {8, encode_8_bytes, decode_8_bytes},
+    {9, encode_9_bytes, decode_9_bytes},
+}};
+
 constexpr std::array<uint8_t, 256> reverse_lookup = {
     0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  0,  0,  0,  0, 0, 0, // 00
     0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  0,  0,  0,  0, 0, 0, // 10
@@ -56,48 +129,12 @@ constexpr std::array<uint8_t, 256> reverse_lookup = {
 };
 // clang-format on
 
-// Puts out the lower `count` bytes of the payload, the most significant one first.
-template <size_t Count>
-inline ZYN_RETCODE outputBytes(uintmax_t payload, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
-{
-#pragma GCC unroll 8
-    for (size_t left = Count; left > 0; left--) {
-        const auto byte = static_cast<uint8_t>(payload >> (8 * (left - 1)));
-        if (const ZYN_RETCODE rc = fcn(ctx, byte); rc != sOKAY)
-            return rc;
-    }
-    return sOKAY;
-}
-
+// A row that is a constant becomes a direct call.
 template <size_t Size>
-ZYN_RETCODE encodeAs(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
+static inline ZYN_RETCODE encodeAs(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
 {
-    constexpr Layout layout = layouts[Size];
-    const uintmax_t payload = val - layout.offset;
-    uint32_t first = layout.mark;
-    if constexpr (layout.mask != 0)
-        first |= static_cast<uint8_t>(payload >> (8 * (Size - 1)));
-    if (const ZYN_RETCODE rc = fcn(ctx, first); rc != sOKAY)
-        return rc;
-    return outputBytes<Size - 1>(payload, fcn, ctx);
+    return psp_encoder_fcns[Size - 1].encode_fcn(fcn, ctx, val);
 }
-
-// Reads `count` more bytes behind the bits in `payload`. The sum may wrap: nine bytes hold more
-// than the largest value.
-ZYN_RETCODE decodeBytes(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t count, uintmax_t payload,
-                        uintmax_t offset, uintmax_t* val)
-{
-    for (; count > 0; count--) {
-        uint32_t byte = 0;
-        if (const ZYN_RETCODE rc = fcn(ctx, &byte); rc != sOKAY)
-            return rc;
-        payload = (payload << 8) | byte;
-    }
-    *val = payload + offset;
-    return sOKAY;
-}
-
-} // namespace
 
 ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
 {
@@ -120,15 +157,10 @@ ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uintmax_
     if (const ZYN_RETCODE rc = fcn(ctx, &byte); rc != sOKAY)
         return rc;
     const auto first = static_cast<uint8_t>(byte);
-    const size_t following = reverse_lookup[first];
-    if (following == 0) {
-        *val = first;
-        return sOKAY;
-    }
-    if (following + 1 >= layouts.size())
+    const size_t row = reverse_lookup[first];
+    if (row >= psp_encoder_fcns.size())
         return eINVVARINT;
-    const Layout& layout = layouts[following + 1];
-    return decodeBytes(fcn, ctx, following, first & layout.mask, layout.offset, val);
+    return psp_encoder_fcns[row].decode_fcn(fcn, ctx, first, val);
 }
 
 ZYN_RETCODE psp_vintDecodeUInt32(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uint32_t* val)
