@@ -234,8 +234,7 @@ struct BufferModel {
                 if (reached_the_most)
                     flush();
             }
-            const auto part =
-                static_cast<uint32_t>(std::min<std::size_t>(count, size - pos));
+            const auto part = static_cast<uint32_t>(std::min<std::size_t>(count, size - pos));
             pos += part;
             count -= part;
         }

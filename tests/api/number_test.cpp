@@ -56,19 +56,16 @@ TEST(ParseInt64, TakesZeroOnlyWhenItIsSpelledSo)
 
 TEST(ParseInt64, AcceptsBlanksASignAndTrailingText)
 {
-    const Row rows[] = {{"12abc", sOKAY, "12"}, {" \t\n5", sOKAY, "5"}, {"+7", sOKAY, "7"},
-                        {"-12.9", sOKAY, "-12"}, {"007", sOKAY, "7"},   {"1 2", sOKAY, "1"}};
+    const Row rows[] = {{"12abc", sOKAY, "12"},  {" \t\n5", sOKAY, "5"}, {"+7", sOKAY, "7"},
+                        {"-12.9", sOKAY, "-12"}, {"007", sOKAY, "7"},    {"1 2", sOKAY, "1"}};
     expect_rows(psp_atoi64, std::begin(rows), std::end(rows));
 }
 
 TEST(ParseInt32, ReadsTheWholeRangeAndRefusesWhatLiesBeyond)
 {
-    const Row rows[] = {{"2147483647", sOKAY, "2147483647"},
-                        {"2147483648", eRANGE, ""},
-                        {"-2147483648", sOKAY, "-2147483648"},
-                        {"-2147483649", eRANGE, ""},
-                        {"9223372036854775808", eRANGE, ""},
-                        {"12abc", sOKAY, "12"}};
+    const Row rows[] = {{"2147483647", sOKAY, "2147483647"},   {"2147483648", eRANGE, ""},
+                        {"-2147483648", sOKAY, "-2147483648"}, {"-2147483649", eRANGE, ""},
+                        {"9223372036854775808", eRANGE, ""},   {"12abc", sOKAY, "12"}};
     expect_rows(psp_atoi32, std::begin(rows), std::end(rows));
 }
 
@@ -110,7 +107,7 @@ TEST(ParseDouble, ReadsWhatTheCLibraryReads)
     const struct {
         const char* text;
         double value;
-    } rows[] = {{"1.5", 1.5},   {"-2e3", -2000.0}, {" 0x10", 16.0},
+    } rows[] = {{"1.5", 1.5},     {"-2e3", -2000.0}, {" 0x10", 16.0},
                 {"1e308", 1e308}, {"3.5xyz", 3.5},   {"2.2250738585072014e-308", DBL_MIN}};
     for (const auto& row : rows) {
         double value = 77;
@@ -200,8 +197,8 @@ TEST(Round, TakesHalvesAwayFromZero)
     const struct {
         double value;
         double rounded;
-    } rows[] = {{2.5, 3},   {-2.5, -3},  {0.5, 1},  {-0.5, -1}, {2.4, 2},    {-2.4, -2},
-                {2.6, 3},   {-2.6, -3},  {0.0, 0},  {1e300, 1e300}, {-1e300, -1e300}};
+    } rows[] = {{2.5, 3}, {-2.5, -3}, {0.5, 1}, {-0.5, -1},     {2.4, 2},        {-2.4, -2},
+                {2.6, 3}, {-2.6, -3}, {0.0, 0}, {1e300, 1e300}, {-1e300, -1e300}};
     for (const auto& row : rows)
         EXPECT_EQ(psp_round(row.value), row.rounded) << row.value;
 }

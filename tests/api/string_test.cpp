@@ -268,7 +268,7 @@ TEST(Locale, ObjectsAreMadeFromAMaskAndAName)
 
 TEST(Locale, CodeSetIsUtf8OrLeftOpen)
 {
-    const char* good[] = {nullptr,       "",       "C",           "en_US", "en_US.",
+    const char* good[] = {nullptr,       "",        "C",         "en_US",  "en_US.",
                           "en_US.UTF-8", "x.utf-8", "a.b.Utf-8", ".UTF-8", "en.utf8."};
     for (const char* name : good)
         EXPECT_EQ(psp_locale_validate_utf8(name), ZYN_TRUE) << (name ? name : "(null)");

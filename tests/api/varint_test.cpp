@@ -145,14 +145,8 @@ TEST(Varint, TakesTheShortestLengthWhoseRangeHoldsTheValue)
     const struct {
         uint64_t last;
         std::size_t length;
-    } rows[] = {{127, 1},
-                {16511, 2},
-                {2113663, 3},
-                {136331391, 4},
-                {34496069759, 5},
-                {8830589091967, 6},
-                {290305565802623, 7},
-                {72347899603730559, 8}};
+    } rows[] = {{127, 1},         {16511, 2},         {2113663, 3},         {136331391, 4},
+                {34496069759, 5}, {8830589091967, 6}, {290305565802623, 7}, {72347899603730559, 8}};
     for (const auto& row : rows) {
         EXPECT_EQ(encoded(row.last).size(), row.length) << row.last;
         EXPECT_EQ(encoded(row.last + 1).size(), row.length + 1) << row.last + 1;
