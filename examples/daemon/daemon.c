@@ -114,15 +114,16 @@ static void release_pidfile(service* self)
     psp_fileClose(self->pidfile);
 }
 
-/* psp_log_createEx() goes on without a log that cannot be opened; a service does not. */
+/* psp_log_createEx() goes on without a log that cannot be opened; a service does not, and tries. */
 static ZYN_RETCODE open_log(const char* dir)
 {
     char path[PATH_SIZE];
     psp_snprintf(path, sizeof path, "%s/daemon.log", dir);
-    const ZYN_RETCODE rc = psp_log_createEx(NULL, dir, "daemon.log");
-    if (rc == sOKAY && !psp_fileValidate(path))
+    PSP_FH probe = psp_fileOpen(path, O_WRONLY | O_CREAT, 0);
+    if (probe == NULL)
         return eFILEOPEN;
-    return rc;
+    psp_fileClose(probe);
+    return psp_log_createEx(NULL, dir, "daemon.log");
 }
 
 /* ---- The child ---- */
