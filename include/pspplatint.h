@@ -21,7 +21,7 @@
 #error "this library supports 64-bit Linux on x86-64 only"
 #endif
 
-/* <locale.h> hides locale_t from strict C11 code; this repeats the C library's own definition. */
+/** The C library's locale object. <locale.h> hides it from strict C11 code; this repeats it. */
 typedef struct __locale_struct* locale_t;
 
 /** Signed count of seconds since 1970-01-01 00:00:00 UTC. */
@@ -30,7 +30,7 @@ typedef int64_t time64_t;
 /** Identity of a thread; compare with `==`. */
 typedef pthread_t psp_thread_id_t;
 
-/* Everything marked PSP_API is the library's surface; all else stays hidden. */
+/** Everything marked with this is the library's surface; all else stays hidden. */
 #define PSP_API __attribute__((visibility("default")))
 
 /** The function formats like `printf`: argument `fmt` is the format, `first` the first value (0: a
@@ -41,11 +41,11 @@ typedef pthread_t psp_thread_id_t;
 #define PSP_MUST_USE __attribute__((warn_unused_result))
 
 #ifdef __cplusplus
-#define PSP_BEGIN_DECLS extern "C" {
-#define PSP_END_DECLS }
+#define PSP_BEGIN_DECLS extern "C" { /**< From here on names are those of C. */
+#define PSP_END_DECLS }              /**< The end of what PSP_BEGIN_DECLS began. */
 #else
-#define PSP_BEGIN_DECLS
-#define PSP_END_DECLS
+#define PSP_BEGIN_DECLS /**< From here on names are those of C. */
+#define PSP_END_DECLS   /**< The end of what PSP_BEGIN_DECLS began. */
 #endif
 
 #endif

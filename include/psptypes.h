@@ -12,7 +12,11 @@
 /** Truth value: ::ZYN_FALSE or ::ZYN_TRUE. */
 typedef int32_t ZYN_BOOL_T;
 
-enum { ZYN_FALSE = 0, ZYN_TRUE = 1 };
+/** The values of ::ZYN_BOOL_T. */
+enum {
+    ZYN_FALSE = 0, /**< no */
+    ZYN_TRUE = 1   /**< yes */
+};
 
 /** Handle of a mutex or an event; see psp/sync.h. */
 typedef struct PSP_SEM_ENTRY* PSP_SEM;

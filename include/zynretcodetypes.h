@@ -47,6 +47,7 @@ typedef int32_t ZYN_RETCODE;
 
 /** The values of ::ZYN_RETCODE, made from ::ZYN_RETCODE_LIST. */
 enum {
+/** One row of the list as an enumerator. */
 #define ZYN_RETCODE_ENUMERATOR(id, value, text) id = (value),
     ZYN_RETCODE_LIST(ZYN_RETCODE_ENUMERATOR)
 #undef ZYN_RETCODE_ENUMERATOR

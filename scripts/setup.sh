@@ -4,7 +4,7 @@
 need_packages() {
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+    [[ $(dpkg-query -W -f '${Status}' "$package" 2>/dev/null) == *'ok installed' ]] ||
       missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return 0

@@ -45,8 +45,10 @@ PSP_API PSP_MUST_USE PSP_FH psp_fileOpen(const char* name, uint32_t flags, uint1
 
 /**
  * Opens like psp_fileOpen() and tells whether the handle is a console.
- * @param is_console receives ::ZYN_FALSE on success: this platform has no consoles of its own,
- *                   terminals are read and written like files. May be NULL.
+ * @param name,flags,xflags as for psp_fileOpen()
+ * @param is_console        receives ::ZYN_FALSE on success: this platform has no consoles of its
+ *                          own, terminals are read and written like files. May be NULL.
+ * @return as psp_fileOpen()
  */
 PSP_API PSP_MUST_USE PSP_FH psp_fileOpenStd(const char* name, uint32_t flags, uint16_t xflags,
                                             ZYN_BOOL_T* is_console);

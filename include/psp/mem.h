@@ -133,6 +133,7 @@ PSP_API void* psp_getMem(size_t size, PSP_MEMTAG tt, int32_t mode, const void* d
 
 /**
  * Allocates a block like psp_getMem().
+ * @param size,tt,mode,data,file,line as for psp_getMem()
  * @param res receives the block, or NULL: the address of the caller's pointer of any type
  * @return `sOKAY`; `eNOMEMORY` exactly when there is no block; `eINVNULLARG` when `res` is NULL
  */
@@ -161,6 +162,7 @@ PSP_API void* psp_extendMem(const void* ptr, size_t newsize, PSP_MEMTAG tt, int3
 
 /**
  * Resizes a block like psp_extendMem().
+ * @param ptr,newsize,tt,mode,incsize,data,file,line as for psp_extendMem()
  * @param res receives the block, or NULL: the address of the caller's pointer of any type
  * @return `sOKAY`; `eNOMEMORY` exactly when there is no block; `eINVNULLARG` when `res` is NULL
  */

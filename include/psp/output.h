@@ -31,10 +31,10 @@ typedef struct PSP_FILE_STACK {
 
 /** A set of three stacks of the caller's; psp_log_initCtx() fills it. */
 typedef struct _psplog_ctx {
-    uint32_t magic; /**< 2784ADB1 hexadecimal from psp_log_initCtx() on, for good */
-    PSP_FILE_STACK psp_log_stack;
-    PSP_FILE_STACK psp_stdout_stack;
-    PSP_FILE_STACK psp_stderr_stack;
+    uint32_t magic;               /**< 2784ADB1 hexadecimal from psp_log_initCtx() on, for good */
+    PSP_FILE_STACK psp_log_stack; /**< the log files; empty at first */
+    PSP_FILE_STACK psp_stdout_stack; /**< where printing goes */
+    PSP_FILE_STACK psp_stderr_stack; /**< where error output goes */
 } PSP_LOG_CTX;
 
 /** A message that is gathered piece by piece and logged as one. */

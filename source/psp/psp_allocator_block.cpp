@@ -42,7 +42,8 @@ BLOCK_CHUNK_HDR* chunk_of_large(BLOCK_HDR* block)
 size_t class_index(size_t size)
 {
     constexpr int smallest_width = std::bit_width(SMALLEST - 1);
-    return static_cast<size_t>(std::bit_width(std::max(size, SMALLEST) - 1) - smallest_width);
+    const size_t served = size > SMALLEST ? size : SMALLEST;
+    return static_cast<size_t>(std::bit_width(served - 1) - smallest_width);
 }
 
 // The size of the block that serves a request: a class, or above LARGEST_SMALL a large block.

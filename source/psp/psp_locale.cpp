@@ -7,7 +7,7 @@
 
 char* psp_setlocale(int32_t category, const char* str)
 {
-    return setlocale(category, str);
+    return setlocale(category, str); // NOLINT(concurrency-mt-unsafe): callers keep threads apart
 }
 
 locale_t psp_createlocale(int32_t category, const char* str)

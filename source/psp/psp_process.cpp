@@ -157,5 +157,5 @@ uint32_t psp_getcpucount(void)
 
 const char* psp_getenv(const char* var)
 {
-    return var != nullptr ? getenv(var) : nullptr;
+    return var != nullptr ? getenv(var) : nullptr; // NOLINT(concurrency-mt-unsafe): as in C
 }
