@@ -15,6 +15,7 @@
 #include "psp/sync.h"
 #include "psp_atomic.h"
 #include "psp_file_int.h"
+#include "psp_file_transfer.h"
 #include "pspint.h"
 #include "pspposix.h"
 
@@ -32,6 +33,13 @@ bool readable(PSP_FH handle)
 bool writable(PSP_FH handle)
 {
     return handle != nullptr && (handle->flags & (O_WRONLY | O_RDWR)) != 0;
+}
+
+// Runs a slot of a handle's table. The slot of both tables is `Usual`, which then runs in place.
+template <auto Usual, class... Args>
+ZYN_RETCODE run(decltype(Usual) slot, Args... args)
+{
+    return slot == Usual ? Usual(args...) : slot(args...);
 }
 
 // ---- Records ----
@@ -159,7 +167,7 @@ uint32_t psp_fileRead(PSP_FH handle, void* buf, uint32_t size)
     if (!readable(handle) || size == 0)
         return 0;
     size_t count = 0;
-    const ZYN_RETCODE rc = handle->fcns->read(handle->handle, buf, size, &count);
+    const ZYN_RETCODE rc = run<psp_flRead>(handle->fcns->read, handle->handle, buf, size, &count);
     return rc == sOKAY ? static_cast<uint32_t>(count) : 0;
 }
 
@@ -167,7 +175,7 @@ uint32_t psp_fileWrite(PSP_FH handle, const void* buf, uint32_t size)
 {
     if (!writable(handle) || size == 0)
         return 0;
-    return handle->fcns->write(handle->handle, buf, size) == sOKAY ? size : 0;
+    return run<psp_flWrite>(handle->fcns->write, handle->handle, buf, size) == sOKAY ? size : 0;
 }
 
 uint32_t psp_fileSeekRead(PSP_FH handle, PSP_FILE_OFFSET addr, void* buf, uint32_t size)
@@ -175,7 +183,8 @@ uint32_t psp_fileSeekRead(PSP_FH handle, PSP_FILE_OFFSET addr, void* buf, uint32
     if (!readable(handle) || size == 0)
         return 0;
     size_t count = 0;
-    const ZYN_RETCODE rc = handle->fcns->seek_read(handle->handle, addr, buf, size, &count);
+    const ZYN_RETCODE rc =
+        run<psp_flSeekRead>(handle->fcns->seek_read, handle->handle, addr, buf, size, &count);
     return rc == sOKAY ? static_cast<uint32_t>(count) : 0;
 }
 
@@ -183,7 +192,9 @@ uint32_t psp_fileSeekWrite(PSP_FH handle, PSP_FILE_OFFSET addr, const void* buf,
 {
     if (!writable(handle) || size == 0)
         return 0;
-    return handle->fcns->seek_write(handle->handle, addr, buf, size) == sOKAY ? size : 0;
+    return run<psp_flSeekWrite>(handle->fcns->seek_write, handle->handle, addr, buf, size) == sOKAY
+               ? size
+               : 0;
 }
 
 uint32_t psp_fileConsoleRead(PSP_FH handle, void* buf, uint32_t size)

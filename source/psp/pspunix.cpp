@@ -5,6 +5,7 @@
 // lock or allocates, and none checks the descriptor: the kernel does. Its reason for a failure
 // stays in errno.
 #include "psp_file_int.h"
+#include "psp_file_transfer.h"
 #include "pspposix.h"
 
 #include <cstring>
@@ -20,64 +21,14 @@ constexpr PSP_STD_HANDLE_INFO std_info[] = {
 };
 // clang-format on
 
-int fd_of(PSP_HANDLE desc)
-{
-    return static_cast<int>(reinterpret_cast<intptr_t>(desc));
-}
-
 PSP_HANDLE handle_of(int fd)
 {
     return reinterpret_cast<PSP_HANDLE>(static_cast<intptr_t>(fd));
 }
 
-off_t offset_of(PSP_FILE_OFFSET addr)
-{
-    return static_cast<off_t>(addr);
-}
-
 ZYN_RETCODE succeeded(bool success)
 {
     return success ? sOKAY : ePSP_FAILURE;
-}
-
-// One transfer, repeated while a signal interrupts it: the count, or -1.
-template <class Transfer>
-ssize_t uninterrupted(Transfer transfer)
-{
-    ssize_t count;
-    do {
-        errno = 0;
-        count = transfer();
-    } while (count == -1 && errno == EINTR);
-    return count;
-}
-
-// The count of a read is a signed 32-bit number, whatever the call gives.
-template <class Transfer>
-ZYN_RETCODE read_once(size_t* pbytes, Transfer transfer)
-{
-    if (pbytes == nullptr)
-        return eINVNULLARG;
-    const auto count = static_cast<int32_t>(uninterrupted(transfer));
-    if (count == -1)
-        return eBADREAD;
-    *pbytes = static_cast<uint32_t>(count);
-    return sOKAY;
-}
-
-// Calls transfer(done, rest) until the rest is written. Even an empty buffer makes one call.
-template <class Transfer>
-ZYN_RETCODE write_all(size_t size, Transfer transfer)
-{
-    size_t done = 0;
-    for (;;) {
-        const ssize_t count = uninterrupted([&] { return transfer(done, size - done); });
-        if (count == -1)
-            return eBADWRITE;
-        done += static_cast<size_t>(count);
-        if (done == size)
-            return sOKAY;
-    }
 }
 
 // ---- Opening and closing ----
@@ -127,32 +78,6 @@ ZYN_RETCODE psp_flSeek(PSP_HANDLE desc, PSP_FILE_OFFSET addr, int32_t origin,
     if (pnewaddr != nullptr)
         *pnewaddr = static_cast<PSP_FILE_OFFSET>(newaddr);
     return sOKAY;
-}
-
-ZYN_RETCODE psp_flRead(PSP_HANDLE desc, void* buf, size_t size, size_t* pbytes)
-{
-    return read_once(pbytes, [=] { return read(fd_of(desc), buf, size); });
-}
-
-ZYN_RETCODE psp_flWrite(PSP_HANDLE desc, const void* buf, size_t size)
-{
-    return write_all(size, [=](size_t done, size_t rest) {
-        return write(fd_of(desc), static_cast<const char*>(buf) + done, rest);
-    });
-}
-
-ZYN_RETCODE psp_flSeekRead(PSP_HANDLE desc, PSP_FILE_OFFSET addr, void* buf, size_t size,
-                           size_t* pbytes)
-{
-    return read_once(pbytes, [=] { return pread(fd_of(desc), buf, size, offset_of(addr)); });
-}
-
-ZYN_RETCODE psp_flSeekWrite(PSP_HANDLE desc, PSP_FILE_OFFSET addr, const void* buf, size_t size)
-{
-    return write_all(size, [=](size_t done, size_t rest) {
-        return pwrite(fd_of(desc), static_cast<const char*>(buf) + done, rest,
-                      offset_of(addr + done));
-    });
 }
 
 ZYN_RETCODE psp_flConsoleRead(PSP_HANDLE, void*, size_t, size_t*)
