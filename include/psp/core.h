@@ -97,7 +97,8 @@ PSP_API void psp_errPrint(const char* msg);
 PSP_API ZYN_RETCODE psp_enterCritSec(void);
 
 /**
- * Leaves the critical section. Only the thread that entered it may call this.
+ * Leaves the critical section. Only the thread that entered it may call this. Works before
+ * psp_init() and after psp_term().
  */
 PSP_API void psp_exitCritSec(void);
 

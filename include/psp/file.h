@@ -17,7 +17,8 @@
  * mix them on one handle serialise them themselves.
  *
  * Where a call of the operating system fails, its reason stays in `errno` (psp_errno()). A NULL
- * handle is no file: transfers give 0, other operations `eINVNULLARG`, closing does nothing.
+ * handle is no file: transfers and psp_fileLength() give 0, other operations `eINVNULLARG`; closing
+ * and unlocking do nothing.
  */
 #ifndef PSP_FILE_H
 #define PSP_FILE_H
@@ -154,8 +155,9 @@ PSP_API ZYN_RETCODE psp_fileUnmap(PSP_FH handle, size_t size, void* map);
 
 /**
  * Takes the exclusive advisory lock on the whole file, without ever waiting. The lock belongs to
- * the open file: two handles on one file exclude each other, in one process as in two; closing
- * the handle gives it up.
+ * the open file: two handles that opened one file by name exclude each other, in one process as in
+ * two, and closing the handle gives it up. Handles on one standard stream share its lock, which
+ * stays until it is given up.
  *
  * The first call on a handle also makes the mutex that serialises locking on it, and is not
  * itself guarded: it must come before the handle is shared between threads.

@@ -4,7 +4,9 @@
  * files.
  *
  * Extra flags (`xflags`) go to psp_fileOpen() (psp/file.h) where a file is opened and are ignored
- * elsewhere. The operating system's reason for a failure stays in `errno`.
+ * elsewhere. The operating system's reason for a failure stays in `errno`. Copying, comparing and
+ * naming use memory of the calling thread's tag: if that tag was given a jump buffer, running out
+ * of memory ends in the jump, with all files closed.
  */
 #ifndef PSP_FILEUTIL_H
 #define PSP_FILEUTIL_H

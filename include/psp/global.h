@@ -10,7 +10,8 @@
 PSP_BEGIN_DECLS
 
 /**
- * Sets up a new block. Runs under the registry's mutex: it must not register another name.
+ * Sets up a new block. Runs under the registry's mutex: it must not register another name, nor
+ * print or log, since opening a destination takes that mutex inside its own.
  * @param data the block, filled with zeros
  * @return `sOKAY`; anything else discards the block
  */
@@ -29,6 +30,9 @@ typedef void (*PSP_GLOBAL_DELETE_FCN)(void* data);
  * psp_term() destroys the blocks in falling order of their names (as `strcmp` sorts). Calls are
  * serialised; what the block holds is not guarded. Lives in the global tag: if that tag was given a
  * jump buffer, running out of memory ends in the jump.
+ *
+ * When there is no memory for a longer list of names, the names so far are forgotten: later calls
+ * make new blocks for them. The old ones stay valid until psp_term(), but are not torn down.
  *
  * @param name       the name; it is copied
  * @param size       bytes of the block, below 4 GiB, not 0

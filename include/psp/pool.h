@@ -51,7 +51,8 @@ typedef void (*PSP_POOL_DESTRUCTOR)(PSP_POOL_USERDATA userdata, const void* obje
  * @param destructor  tears an object down; may be NULL
  * @param userdata    first argument of both callbacks
  * @param hPool       receives the pool, to be given to psp_poolDestroy(); untouched on failure
- * @return `sOKAY`; `eNOMEMORY` when memory ran out (a `tag` with a jump buffer jumps);
+ * @return `sOKAY`; `eNOMEMORY` when memory ran out (a `tag` with a jump buffer jumps) or `tag`
+ *         gives none, as before psp_init();
  *         `ePSP_FAILURE` when `tag` is NULL and a tag cannot be made, as before psp_init();
  *         `eINVNULLARG` when `hPool` is NULL
  */

@@ -75,7 +75,8 @@ PSP_API void psp_fclose(PSP_FILE_STREAM stream);
  * file. In UTF-16 a lone low surrogate reads as '.'.
  * @param stream the stream
  * @return the byte as a signed value (80 to FF hexadecimal are -128 to -1), or -1 at the end of the
- *         file and after a read error. The byte FF cannot be told from the end.
+ *         file and after a read error. The byte FF cannot be told from the end. 0 without end from
+ *         a stream that kept ::PSP_FILE_MODE_UNKNOWN (see psp_fopenEx()).
  */
 PSP_API int32_t psp_fgetc(PSP_FILE_STREAM stream);
 

@@ -82,7 +82,7 @@ PSP_API void psp_syncDelete(PSP_SEM sem);
 
 /**
  * Waits once on a condition variable, as psp_syncWait() does; wake-ups without cause are passed
- * on to the caller.
+ * on to the caller. Works without psp_init().
  * @param c the condition variable. It must use the clock that the library chose, see
  *          ::gUseMonotonicClock in psp/time.h.
  * @param m the mutex that guards the condition, locked by the caller; locked again on return

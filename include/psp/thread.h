@@ -1,6 +1,7 @@
 /**
  * @file thread.h
- * Threads that return a status, and atomic operations on 32-bit counters.
+ * Threads that return a status, and atomic operations on 32-bit counters. The atomic operations
+ * work without psp_init().
  */
 #ifndef PSP_THREAD_H
 #define PSP_THREAD_H

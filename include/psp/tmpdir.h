@@ -25,8 +25,8 @@ extern PSP_API char psp_usertmpdir[PSP_USERTMPDIR_SIZE];
  * section (psp_enterCritSec()): do not call this from inside it.
  * @param tag owner of the result
  * @return a new copy of the name, to be freed with psp_freeMem(); NULL when no directory will do
- *         (always in read-only mode and without a disk, unless ZYN_TMPDIR is set), memory is
- *         short, or the library is not started
+ *         (none does in read-only mode and without a disk, unless ZYN_TMPDIR is set or one was
+ *         found before), memory is short, or the library is not started
  */
 PSP_API const char* psp_tmpdir(PSP_MEMTAG tag);
 
