@@ -44,6 +44,13 @@ struct Allocated {
 
 constexpr Allocated REFUSED = {nullptr, nullptr};
 
+// Whether tags can be made: below 0, after a stop too many, the records' tag and the threads' key
+// are no more there than at 0.
+bool started()
+{
+    return relaxed_load(psp_inited) > 0;
+}
+
 // ---- Tag resolution ----
 
 // The value is set on every use, and a tag that it cannot be set to loses its memory. A new tag
@@ -51,6 +58,8 @@ constexpr Allocated REFUSED = {nullptr, nullptr};
 // which could not be changed, still leads to it.
 PSP_MEMTAG thread_tag()
 {
+    if (!started())
+        return nullptr;
     auto* tag = static_cast<PSP_MEMTAG>(pthread_getspecific(tagTLSkey));
     const bool is_new = !tag;
     if (is_new)
@@ -378,7 +387,7 @@ ZYN_RETCODE psp_createTagEx_rc(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE ty
                                PSP_DESTROY_FCN destroy_fcn, void* destroy_ctx, PSP_MEMTAG* ptag,
                                const char* file, int32_t line)
 {
-    if (relaxed_load(psp_inited) == 0)
+    if (!started())
         return ePSP_FAILURE;
     if (!ptag)
         return eINVNULLARG;

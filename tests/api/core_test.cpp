@@ -195,6 +195,10 @@ TEST_F(Lifecycle, AStopWithoutAStartOnlyTakesTheCountBelowZero)
                   EXPECT_EQ(psp_inited, -1);
                   psp_term();
                   EXPECT_EQ(psp_inited, -2);
+                  EXPECT_EQ(psp_createTagEx(nullptr, 0, BLOCK_ALLOCATOR, nullptr, nullptr, __FILE__,
+                                            __LINE__),
+                            nullptr);
+                  EXPECT_EQ(psp_getMem(1, PSP_THREAD_TAG, 1, nullptr, __FILE__, __LINE__), nullptr);
                   EXPECT_EQ(psp_init(), sOKAY);
                   EXPECT_EQ(psp_inited, -1);
                   EXPECT_EQ(make_mutex(), PSP_SEM_INVALID);
