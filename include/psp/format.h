@@ -24,8 +24,8 @@
  * - `%Ld` and the other integer conversions with `L` print 0 and consume no argument.
  * - `%#.0o` of 0 prints nothing. `'` groups every base.
  * - `%a` and `%A` print as `%f` and `%F`. Floating conversions round half up, print 19 fraction
- *   digits at most, refuse magnitudes from 2^64 - 1 on in fixed notation (`eRANGE`), and give no
- *   sign to negative zero and NaN.
+ *   digits at most, refuse magnitudes from 2^64 - 1 on in fixed notation (`eRANGE`), and never
+ *   give a minus sign to negative zero and NaN.
  */
 #ifndef PSP_FORMAT_H
 #define PSP_FORMAT_H
