@@ -225,7 +225,8 @@ static ZYN_BOOL_T parse(int argc, char** argv, options* opts)
         return ZYN_FALSE;
     if (argc == 4 && psp_atoi32(argv[3], &opts->value) != sOKAY)
         return ZYN_FALSE;
-    return opts->mode != FAIL || opts->value != sOKAY; /* success is no failure */
+    /* Neither success nor what psp_daemonStart() itself returns in the child is a failure. */
+    return opts->mode != FAIL || (opts->value != sOKAY && opts->value != sCHILD);
 }
 
 int main(int argc, char** argv)

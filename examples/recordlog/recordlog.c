@@ -150,6 +150,10 @@ static const char* parse_priority(const char* line, int16_t* priority)
     if (end == NULL)
         return line;
     *end = '\0';
+    /* psp_atoi32() alone would take "5 km" for 5, and the text with it. */
+    const char* number = digits + (digits[0] == '-');
+    if (number[strspn(number, "0123456789")] != '\0')
+        return line;
     if (psp_atoi32(digits, &value) != sOKAY || value < INT16_MIN || value > INT16_MAX)
         return line;
     *priority = (int16_t)value;

@@ -305,6 +305,7 @@ TEST(Daemon, RefusesAWrongCommandLine)
         {home, "--bogus"},
         {home, "--fail"},
         {home, "--fail", "0"},
+        {home, "--fail", "10038"}, // sCHILD
         {home, "--fail", "five"},
         {home, "--fail", "4294967301"},
         {home, "--exit", ""},
