@@ -57,13 +57,13 @@ inline void swapOrder(double* val)
 
 // ---- Input ----
 
-// Reads ahead again. A failed read changes nothing.
+// Reads ahead again. A failed read changes nothing, and a count beyond the buffer is not believed.
 ZYN_RETCODE fill(PSP_INPUTBUFF in)
 {
     uint32_t len = 0;
     if (const ZYN_RETCODE rc = in->readFcn(in->dataCB, in->buf, in->size, &len, 0); rc != sOKAY)
         return rc;
-    in->len = len;
+    in->len = std::min(len, in->size);
     in->pos = 0;
     return sOKAY;
 }

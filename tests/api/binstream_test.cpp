@@ -479,6 +479,21 @@ TEST_F(InputStream, CallsAgainWhenTheTransportDeliversNothingWithSuccess)
     EXPECT_EQ(reader.calls, 4);
 }
 
+TEST_F(InputStream, DoesNotBelieveACountBeyondItsBuffer)
+{
+    PSP_INPUTBUFF in = nullptr;
+    const auto boasting = [](const void*, void* buf, uint32_t size, uint32_t* len, uint32_t) {
+        std::memset(buf, 'b', size);
+        *len = UINT32_MAX;
+        return ZYN_RETCODE{sOKAY};
+    };
+    ASSERT_EQ(psp_inputBuffCreate(boasting, nullptr, 0, &in), sOKAY);
+    std::string got(10'000, ' ');
+    EXPECT_EQ(psp_inputBuffGetBytes(in, got.data(), got.size()), sOKAY);
+    EXPECT_EQ(got, std::string(10'000, 'b'));
+    psp_inputBuffDestroy(in);
+}
+
 TEST_F(InputStream, ReturnsTheTransportsFailureAtEveryByteOfARecord)
 {
     Writer writer;
