@@ -9,10 +9,11 @@
 //
 // The arithmetic is written out over integers because a mantissa's way between the floating unit
 // and the integer registers costs more than the arithmetic itself. The outcome is bit for bit that
-// of the unit, except that powers below the smallest normal `long double` keep all their digits,
-// and no rounding mode that a caller has set can change it. The powers that a `double` can need are
-// a table, so the work per value is constant; beyond, for `long double` only, the repetition goes
-// on.
+// of the unit for every magnitude that needs no power of ten below about 1e-4931. Such powers are
+// subnormal in the unit and lose digits there; here they keep all 64 bits, so that the smallest
+// `long double` values come out more exact. A rounding mode that a caller has set changes nothing.
+// The powers that a `double` can need are a table, so the work per value is constant; beyond, for
+// `long double` only, the repetition goes on.
 #include "psp_internal.h"
 
 static constexpr size_t DEFAULT_PRECISION = 6;
