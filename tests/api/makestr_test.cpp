@@ -20,8 +20,6 @@ namespace {
 
 #define HERE __FILE__, __LINE__
 
-constexpr PSP_ALLOCATOR_TYPE all_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR,
-                                            LEGACY_ALLOCATOR};
 constexpr std::size_t small_limit = 4195328; // the least that the library takes
 constexpr int too_much = 8000000;            // bytes, more than that
 

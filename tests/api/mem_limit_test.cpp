@@ -9,8 +9,6 @@ using namespace psptest;
 
 namespace {
 
-constexpr PSP_ALLOCATOR_TYPE chunk_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR};
-
 class MemLimit : public RawTest {};
 
 constexpr std::size_t smallest_limit = 4195328;

@@ -12,15 +12,6 @@ using namespace psptest;
 
 namespace {
 
-constexpr PSP_ALLOCATOR_TYPE all_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR,
-                                            LEGACY_ALLOCATOR};
-constexpr PSP_ALLOCATOR_TYPE chunk_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR};
-
-// The sizes that no allocator can serve: block sizes are 32-bit numbers.
-constexpr std::size_t gib4 = std::size_t{1} << 32;
-constexpr std::size_t impossible_sizes[] = {gib4 - 1,   gib4,          gib4 + 1,
-                                            gib4 + 100, 3 * gib4 + 16, SIZE_MAX - 2};
-
 class ExtendMem : public PspTest {};
 class MoveMem : public PspTest {};
 class JumpBuffer : public PspTest {};

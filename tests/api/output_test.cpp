@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,16 +24,6 @@ class LogStack : public PspTest {};
 class LogContext : public PspTest {};
 class OutputBeforeStart : public RawTest {};
 class OutputStop : public RawTest {};
-
-PSP_PRINTF(1, 2)
-int32_t print_err(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    const int32_t written = psp_printfErrV(format, args);
-    va_end(args);
-    return written;
-}
 
 // ---- The standard output stack ----
 

@@ -17,16 +17,6 @@ namespace {
 class Printing : public PspTest {};
 class StreamPrintf : public PspTest {};
 
-PSP_PRINTF(1, 2)
-int32_t print_err(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    const int32_t written = psp_printfErrV(format, args);
-    va_end(args);
-    return written;
-}
-
 // The same list in two calls: the functions leave it where it was.
 PSP_PRINTF(2, 3)
 int32_t print_twice(PSP_FILE_STREAM stream, const char* format, ...)

@@ -2,12 +2,13 @@
 // record, read from a whole segment in memory and made from a record's fields.
 #pragma once
 
+#include "support/varint_model.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -49,35 +50,9 @@ inline std::uint32_t crc32(std::string_view bytes)
     return ~sum;
 }
 
-// Variable-length integers: the first byte's mark, its payload bits, and where the values begin.
-struct Form {
-    unsigned mark;
-    unsigned first_bits;
-    std::uint64_t offset;
-};
-inline constexpr Form forms[] = {
-    {0x00, 7, 0x0},
-    {0x80, 6, 0x80},
-    {0xC0, 5, 0x4080},
-    {0xE0, 3, 0x204080},
-    {0xE8, 3, 0x8204080},
-    {0xF0, 3, 0x808204080},
-    {0xF8, 0, 0x80808204080},
-    {0xF9, 0, 0x1080808204080},
-    {0xFA, 0, 0x101080808204080},
-};
-
 inline std::string varint(std::uint64_t value)
 {
-    std::size_t length = std::size(forms);
-    while (value < forms[length - 1].offset)
-        length--;
-    std::uint64_t payload = value - forms[length - 1].offset;
-    std::string bytes(length, '\0');
-    for (std::size_t i = length - 1; i > 0; i--, payload >>= 8)
-        bytes[i] = static_cast<char>(payload);
-    bytes[0] = static_cast<char>(forms[length - 1].mark | payload);
-    return bytes;
+    return psptest::encoded_varint(value);
 }
 
 template <class T>
@@ -115,18 +90,10 @@ class Reader {
     std::optional<std::uint64_t> varint()
     {
         const auto first = number<unsigned char>();
-        if (!first || *first > 0xFA)
+        const auto row = first ? psptest::varint_row_of_byte(*first) : std::nullopt;
+        if (!row || !take(*row))
             return std::nullopt;
-        std::size_t row = std::size(forms) - 1;
-        while (*first < forms[row].mark)
-            row--;
-        const auto rest = take(row);
-        if (!rest)
-            return std::nullopt;
-        std::uint64_t payload = *first & ((1u << forms[row].first_bits) - 1);
-        for (const char byte : *rest)
-            payload = payload << 8 | static_cast<unsigned char>(byte);
-        return payload + forms[row].offset;
+        return psptest::decoded_varint(bytes_.substr(pos_ - *row - 1, *row + 1));
     }
 
     std::size_t pos() const

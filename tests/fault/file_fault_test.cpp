@@ -1,6 +1,7 @@
 // Open files when the system interrupts, cuts short or refuses: the exact calls of each operation,
 // and what is left after a failure.
 #include "file_trace.h"
+#include "support/fault_test.h"
 #include "support/file_test.h"
 
 #include "psp_file_int.h"
@@ -25,19 +26,14 @@ PSP_HANDLE handle_of(int fd)
 }
 
 // A new file of ten bytes.
-class FileFault : public PspTest {
+class FileFault : public FaultTest {
   protected:
     void SetUp() override
     {
-        PspTest::SetUp();
+        FaultTest::SetUp();
         write_file(path_, "0123456789");
         Handle handle(path_); // the layer's state is there from now on
         ASSERT_NE(handle, nullptr);
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
     }
 
     TempDir dir_;

@@ -1,6 +1,7 @@
 // Copying, comparing and asking when the system or the memory refuses, and every read and write
 // that they make, which a model predicts.
 #include "file_trace.h"
+#include "support/fault_test.h"
 #include "support/file_test.h"
 
 #include "psp/fileutil.h"
@@ -70,18 +71,13 @@ Lines calls_of_compare(const std::string& src, const std::string& dest)
     return lines;
 }
 
-class FileUtilFault : public PspTest {
+class FileUtilFault : public FaultTest {
   protected:
     void SetUp() override
     {
-        PspTest::SetUp();
+        FaultTest::SetUp();
         release(get(1, PSP_THREAD_TAG), PSP_THREAD_TAG); // made now, not while calls are counted
         descriptors_ = open_descriptors();
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
     }
     ZYN_RETCODE copy(const std::string& src, const std::string& dest)
     {

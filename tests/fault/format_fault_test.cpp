@@ -1,6 +1,6 @@
 // The string builders and the wide conversions when memory is refused at every point: the failure
 // that is told, by value and by jump; nothing lost, no lock held, and everything usable afterwards.
-#include "fault/faults.h"
+#include "support/fault_test.h"
 #include "support/mem_test.h"
 
 #include "psp/format.h"
@@ -19,9 +19,6 @@ namespace {
 
 #define HERE __FILE__, __LINE__
 
-constexpr PSP_ALLOCATOR_TYPE all_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR,
-                                            LEGACY_ALLOCATOR};
-
 // Where memory is refused; the heap is met by strings that need a chunk of their own.
 struct RefusedAt {
     const char* name;
@@ -30,18 +27,7 @@ struct RefusedAt {
 };
 constexpr RefusedAt points[] = {{"tag_alloc", 5000, 8}, {"malloc", 5000000, 1}};
 
-class FormatFault : public PspTest {
-  protected:
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
-        EXPECT_EQ(live_heap_blocks(), blocks_);
-    }
-
-  private:
-    long blocks_ = live_heap_blocks();
-};
+class FormatFault : public HeapFaultTest {};
 
 // Another thread can use the tags: nobody holds a lock.
 void expect_usable(PSP_MEMTAG tag)

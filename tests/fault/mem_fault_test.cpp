@@ -1,6 +1,6 @@
 // Memory that runs out, mutexes and keys that cannot be made: the code that is told, nothing lost,
 // no lock held, and the library usable afterwards.
-#include "fault/faults.h"
+#include "support/fault_test.h"
 #include "support/mem_test.h"
 
 #include "psp_mem_data_int.h"
@@ -19,22 +19,8 @@ extern "C" void __real_free(void* ptr);
 namespace {
 
 constexpr std::size_t mib = 1024 * 1024;
-constexpr PSP_ALLOCATOR_TYPE all_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR,
-                                            LEGACY_ALLOCATOR};
 
-// Every test ends without a plan, and with no block of the heap lost.
-class MemFault : public PspTest {
-  protected:
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
-        EXPECT_EQ(live_heap_blocks(), blocks_);
-    }
-
-  private:
-    long blocks_ = live_heap_blocks();
-};
+class MemFault : public HeapFaultTest {};
 
 class StartFault : public RawTest {
   protected:

@@ -1,6 +1,6 @@
 // Named globals and object pools when memory runs out: the code that is told, nothing lost, no lock
 // held, and both usable afterwards.
-#include "fault/faults.h"
+#include "support/fault_test.h"
 #include "support/mem_test.h"
 
 #include "psp/global.h"
@@ -21,18 +21,7 @@ namespace {
 
 constexpr std::size_t mib = 1024 * 1024;
 
-class OwnerFault : public PspTest {
-  protected:
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
-        EXPECT_EQ(live_heap_blocks(), blocks_);
-    }
-
-  private:
-    long blocks_ = live_heap_blocks();
-};
+class OwnerFault : public HeapFaultTest {};
 
 class RegistryFault : public OwnerFault {};
 class PoolFault : public OwnerFault {};

@@ -1,7 +1,7 @@
 // Memory refused to the strings, the binary streams, the random generators and the modules: each
 // allocation of each function in turn, once and for good, with and without a jump buffer in the tag
 // that is asked. What remains is counted in bytes.
-#include "fault/faults.h"
+#include "support/fault_test.h"
 #include "support/mem_test.h"
 
 #include "psp.h"
@@ -29,23 +29,13 @@ namespace {
 
 constexpr std::size_t mib = 1024 * 1024;
 
-class PureFault : public PspTest {
+class PureFault : public HeapFaultTest {
   protected:
     void SetUp() override
     {
-        blocks_ = live_heap_blocks();
-        PspTest::SetUp();
+        HeapFaultTest::SetUp();
         release(get(1, PSP_THREAD_TAG), PSP_THREAD_TAG); // makes the tag: that allocates, too
     }
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
-        EXPECT_EQ(live_heap_blocks(), blocks_);
-    }
-
-  private:
-    long blocks_ = 0;
 };
 
 class WordsFault : public PureFault {};

@@ -1,7 +1,7 @@
 // The cache of a text stream, seen from both sides: the calls that reach the descriptor, their
 // sizes and their order, and the fields of the records, for random use of streams in every mode;
 // with transfers that fail, are short or are interrupted.
-#include "fault/faults.h"
+#include "support/fault_test.h"
 #include "support/stream_model.h"
 #include "support/text_test.h"
 
@@ -65,11 +65,11 @@ int watched_fsync(int)
     return 0;
 }
 
-class StreamCache : public PspTest {
+class StreamCache : public FaultTest {
   protected:
     void SetUp() override
     {
-        PspTest::SetUp();
+        FaultTest::SetUp();
         transfers.clear();
         script.coming.clear();
         syncs = 0;
@@ -77,11 +77,6 @@ class StreamCache : public PspTest {
         Fault::replace("read", watched_read);
         Fault::replace("write", watched_write);
         Fault::replace("fsync", watched_fsync);
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
     }
 
     // Opens a file that the next new descriptor will be for.

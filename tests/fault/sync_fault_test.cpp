@@ -1,7 +1,6 @@
 // Synchronisation objects and threads when the system refuses, and the exact deadlines of timed
 // waits on a clock that the test sets.
-#include "fault/faults.h"
-#include "support/psp_test.h"
+#include "support/fault_test.h"
 
 #include "psp/random.h"
 #include "psp/sync.h"
@@ -23,23 +22,7 @@ extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* at
 
 namespace {
 
-class SyncFault : public PspTest {
-  protected:
-    void SetUp() override
-    {
-        PspTest::SetUp();
-        choice_ = gUseMonotonicClock;
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        gUseMonotonicClock = choice_;
-        PspTest::TearDown();
-    }
-
-  private:
-    std::int32_t choice_ = 0;
-};
+class SyncFault : public ClockFaultTest {};
 class TimedWait : public SyncFault {};
 class ThreadFault : public SyncFault {};
 class RandomFault : public SyncFault {};

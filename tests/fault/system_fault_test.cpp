@@ -1,6 +1,5 @@
 // Clocks, sleep, daemon start and module loading on a system that answers what the test wants.
-#include "fault/faults.h"
-#include "support/psp_test.h"
+#include "support/fault_test.h"
 
 #include "psp.h"
 
@@ -24,23 +23,7 @@ extern "C" void* __real_dlopen(const char* path, int flags);
 
 namespace {
 
-class SystemFault : public PspTest {
-  protected:
-    void SetUp() override
-    {
-        PspTest::SetUp();
-        choice_ = gUseMonotonicClock;
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        gUseMonotonicClock = choice_;
-        PspTest::TearDown();
-    }
-
-  private:
-    std::int32_t choice_ = 0;
-};
+class SystemFault : public ClockFaultTest {};
 class ClockFault : public SystemFault {};
 class SleepFault : public SystemFault {};
 class DaemonFault : public SystemFault {};

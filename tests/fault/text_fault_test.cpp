@@ -8,23 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 #include <string>
 
 using namespace psptest;
 
 namespace {
-
-PSP_PRINTF(1, 2)
-int32_t print_err(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    const int32_t written = psp_printfErrV(format, args);
-    va_end(args);
-    return written;
-}
 
 class StackFault : public TextFault {};
 class LogFault : public TextFault {};

@@ -1,6 +1,7 @@
 // The search for the directory for temporary files: what is tried, in which order, and what becomes
 // of it when the system or the memory refuses.
 #include "file_trace.h"
+#include "support/fault_test.h"
 #include "support/file_test.h"
 
 #include "psp/process.h"
@@ -45,7 +46,7 @@ std::string probe_in(const std::string& dir)
     return dir + name;
 }
 
-class TmpDirFault : public PspTest {
+class TmpDirFault : public FaultTest {
   protected:
     // In a child with none of the variables set, and with chosen directories.
     template <class Body>
@@ -59,11 +60,6 @@ class TmpDirFault : public PspTest {
                       return 0;
                   }),
                   0);
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
     }
 
     TempDir dir_;

@@ -1,6 +1,7 @@
 // Text streams against a model that works on the whole file in memory: marks and encodings found
 // on opening, characters, lines and push-back while reading, and the UTF-16 writer.
 #include "fuzz.h"
+#include "support/utf8_model.h"
 
 #include "psp/core.h"
 #include "psp/mem.h"
@@ -18,18 +19,6 @@
 namespace {
 
 constexpr std::size_t pushback_size = 20;
-
-// The code point's UTF-8 form; three bytes hold surrogates as well.
-std::string encoded(uint32_t point)
-{
-    if (point < 0x80)
-        return std::string(1, static_cast<char>(point));
-    const unsigned tails = point < 0x800 ? 1 : point < 0x10000 ? 2 : 3;
-    std::string bytes(1, static_cast<char>(0xFF00 >> (tails + 1) | point >> (6 * tails)));
-    for (unsigned left = tails; left > 0; left--)
-        bytes.push_back(static_cast<char>(0x80 | (point >> (6 * (left - 1)) & 0x3F)));
-    return bytes;
-}
 
 // What a stream opened for reading gives.
 class Model {
@@ -141,7 +130,7 @@ class Model {
                                   static_cast<uint32_t>(static_cast<unsigned char>(low[1])) << 8;
             point = ((point & 0x3FF) << 10) + (unit & 0x3FF) + 0x10000;
         }
-        const std::string text = encoded(point);
+        const std::string text = psptest::encoded_utf8(point);
         for (std::size_t i = text.size() - 1; i > 0; i--)
             ungetc(static_cast<signed char>(text[i]));
         return static_cast<signed char>(text[0]);

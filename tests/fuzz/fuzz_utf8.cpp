@@ -1,6 +1,7 @@
 // UTF-8: the decoder and all that is built on it against one that looks at whole sequences instead
 // of keeping a state from byte to byte.
 #include "fuzz.h"
+#include "support/utf8_model.h"
 
 #include "psp/utf8.h"
 #include "psp_internal.h"
@@ -11,6 +12,8 @@
 #include <string>
 #include <vector>
 
+using psptest::encoded_utf8;
+
 namespace {
 
 using Points = std::vector<uint32_t>;
@@ -19,17 +22,6 @@ struct Decoded {
     Points points; // those before the first malformed piece when it counts
     bool failed = false;
 };
-
-std::string encoded(uint32_t point)
-{
-    if (point < 0x80)
-        return std::string(1, static_cast<char>(point));
-    const unsigned tails = point < 0x800 ? 1 : point < 0x10000 ? 2 : 3;
-    std::string bytes(1, static_cast<char>(0xFF00 >> (tails + 1) | point >> (6 * tails)));
-    for (unsigned left = tails; left > 0; left--)
-        bytes.push_back(static_cast<char>(0x80 | (point >> (6 * (left - 1)) & 0x3F)));
-    return bytes;
-}
 
 bool is_tail(unsigned char byte)
 {
@@ -70,7 +62,7 @@ Decoded decode(const std::string& text, bool strict)
             at++; // breaks the sequence and is gone with it
         const bool valid = whole && !is_forbidden(point);
         const bool shortest =
-            valid && encoded(point).size() == static_cast<std::size_t>(wanted) + 1;
+            valid && encoded_utf8(point).size() == static_cast<std::size_t>(wanted) + 1;
         if (strict && !shortest) {
             result.failed = true;
             return result;
@@ -84,7 +76,7 @@ std::string encoded(const Points& points)
 {
     std::string text;
     for (const uint32_t point : points)
-        text += encoded(point);
+        text += encoded_utf8(point);
     return text;
 }
 
@@ -137,8 +129,8 @@ void check_copying(const std::string& text, PSP_UTF8_ERROR_BEHAVIOR behavior,
     std::string fits;
     std::size_t count = 0;
     while (count < expected.points.size() &&
-           fits.size() + encoded(expected.points[count]).size() <= room)
-        fits += encoded(expected.points[count++]);
+           fits.size() + encoded_utf8(expected.points[count]).size() <= room)
+        fits += encoded_utf8(expected.points[count++]);
     for (char* where : {dest.get(), static_cast<char*>(nullptr)}) {
         std::size_t chars = 4711;
         const std::size_t bytes =
@@ -188,13 +180,13 @@ std::string make_text(FuzzedDataProvider& input)
     while (input.remaining_bytes() > 1) {
         const auto kind = input.ConsumeIntegral<uint8_t>();
         if (kind < 0x40)
-            text += encoded(limits[kind % std::size(limits)]);
+            text += encoded_utf8(limits[kind % std::size(limits)]);
         else if (kind < 0x60)
             text += {'\xC0', static_cast<char>(0x80 | kind)}; // overlong in two bytes
         else if (kind < 0x80)
             text += {'\xE0', static_cast<char>(0x80 | kind), '\xBF'}; // or in three
         else if (kind < 0xA0)
-            text += encoded(input.ConsumeIntegralInRange<uint32_t>(0, 0x1FFFFF));
+            text += encoded_utf8(input.ConsumeIntegralInRange<uint32_t>(0, 0x1FFFFF));
         else if (kind < 0xC0)
             text.resize(text.empty() ? 0 : text.size() - 1); // breaks what came before
         else
@@ -205,7 +197,7 @@ std::string make_text(FuzzedDataProvider& input)
 
 void check_code_point(uint32_t point)
 {
-    const std::string expected = point < 0x110000 ? encoded(point) : "";
+    const std::string expected = point < 0x110000 ? encoded_utf8(point) : "";
     uint8_t bytes[4];
     CHECK(psp_utf8_codes(point, nullptr) == expected.size());
     CHECK(psp_utf8_codes(point, bytes) == expected.size());

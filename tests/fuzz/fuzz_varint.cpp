@@ -1,44 +1,15 @@
 // Variable-length integers: every input decoded and every value encoded, against arithmetic on the
 // first byte's leading bits.
 #include "fuzz.h"
+#include "support/varint_model.h"
 
 #include "psp/varint.h"
 
-#include <iterator>
 #include <string>
 
+using namespace psptest;
+
 namespace {
-
-// The first byte's mark, its payload bits, and where the values of the length begin.
-struct Form {
-    unsigned mark;
-    unsigned first_bits;
-    uint64_t offset;
-};
-constexpr Form forms[] = {
-    {0x00, 7, 0x0},
-    {0x80, 6, 0x80},
-    {0xC0, 5, 0x4080},
-    {0xE0, 3, 0x204080},
-    {0xE8, 3, 0x8204080},
-    {0xF0, 3, 0x808204080},
-    {0xF8, 0, 0x80808204080},
-    {0xF9, 0, 0x1080808204080},
-    {0xFA, 0, 0x101080808204080},
-};
-
-std::string encoded(uint64_t value)
-{
-    std::size_t length = std::size(forms);
-    while (value < forms[length - 1].offset)
-        length--;
-    uint64_t payload = value - forms[length - 1].offset;
-    std::string bytes(length, '\0');
-    for (std::size_t i = length - 1; i > 0; i--, payload >>= 8)
-        bytes[i] = static_cast<char>(payload);
-    bytes[0] = static_cast<char>(forms[length - 1].mark | payload);
-    return bytes;
-}
 
 struct Decoded {
     ZYN_RETCODE rc;
@@ -51,18 +22,13 @@ Decoded decoded(const std::string& bytes)
 {
     if (bytes.empty())
         return {eEOD, 0, 0};
-    const auto first = static_cast<unsigned char>(bytes[0]);
-    if (first > 0xFA)
+    const auto row = varint_row_of_byte(static_cast<unsigned char>(bytes[0]));
+    if (!row)
         return {eINVVARINT, 0, 1};
-    std::size_t row = std::size(forms) - 1;
-    while (first < forms[row].mark)
-        row--;
-    if (bytes.size() <= row)
+    const std::size_t size = *row + 1;
+    if (bytes.size() < size)
         return {eEOD, 0, bytes.size()};
-    uint64_t payload = first & ((1u << forms[row].first_bits) - 1);
-    for (std::size_t i = 1; i <= row; i++)
-        payload = payload << 8 | static_cast<unsigned char>(bytes[i]);
-    return {sOKAY, payload + forms[row].offset, row + 1};
+    return {sOKAY, decoded_varint(bytes.substr(0, size)), size};
 }
 
 // Bytes of a source or sink, up to `room`.
@@ -110,7 +76,7 @@ void check_decoding(const std::string& bytes)
 
 void check_encoding(uint64_t value, std::size_t room)
 {
-    const std::string expected = encoded(value);
+    const std::string expected = encoded_varint(value);
     Tape tape{{}, room};
     const ZYN_RETCODE rc = psp_vintEncodeUIntmax(value, Tape::put, &tape);
     CHECK(rc == (expected.size() <= room ? ZYN_RETCODE{sOKAY} : ZYN_RETCODE{eBADWRITE}));
@@ -132,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto room = input.ConsumeIntegralInRange<std::size_t>(0, 10);
     check_encoding(value >> shift, room);
     check_encoding(~(value >> shift), room);
-    check_decoding(encoded(value >> shift));
+    check_decoding(encoded_varint(value >> shift));
     check_decoding(input.ConsumeRemainingBytesAsString());
     return 0;
 }

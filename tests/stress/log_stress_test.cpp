@@ -137,6 +137,19 @@ void run_writers(std::vector<std::thread>& threads)
         });
 }
 
+// Each line went once to every output that its kind goes to, and to no other.
+void expect_each_once(const Seen& out, const Seen& err, const Seen& log)
+{
+    for (int writer = 0; writer < writers; writer++)
+        for (int number = 0; number < lines; number++) {
+            const char kind = kinds[number % 6];
+            const bool failed = kind == 'e' || kind == 'E';
+            EXPECT_EQ(out.count(kind, writer, number), failed ? 0 : 1);
+            EXPECT_EQ(err.count(kind, writer, number), failed ? 1 : 0);
+            EXPECT_EQ(log.count(kind, writer, number), kind == 'p' ? 0 : 1);
+        }
+}
+
 TEST_F(LogStress, LinesStayWholeAndNoneIsLost)
 {
     const TempDir dir;
@@ -155,14 +168,7 @@ TEST_F(LogStress, LinesStayWholeAndNoneIsLost)
     out.add(captured.finish(), false);
     err.add(errors.finish(), false);
     log.add(read_file(dir / "log"), true);
-    for (int writer = 0; writer < writers; writer++)
-        for (int number = 0; number < lines; number++) {
-            const char kind = kinds[number % 6];
-            const bool failed = kind == 'e' || kind == 'E';
-            EXPECT_EQ(out.count(kind, writer, number), failed ? 0 : 1);
-            EXPECT_EQ(err.count(kind, writer, number), failed ? 1 : 0);
-            EXPECT_EQ(log.count(kind, writer, number), kind == 'p' ? 0 : 1);
-        }
+    expect_each_once(out, err, log);
 }
 
 TEST_F(LogStress, RedirectionsMoveWholeLines)
@@ -207,14 +213,7 @@ TEST_F(LogStress, RedirectionsMoveWholeLines)
         log.add(read_file(dir / ("log" + std::to_string(round))), true);
         EXPECT_FALSE(file_exists(dir / ("OUT" + std::to_string(round))));
     }
-    for (int writer = 0; writer < writers; writer++)
-        for (int number = 0; number < lines; number++) {
-            const char kind = kinds[number % 6];
-            const bool failed = kind == 'e' || kind == 'E';
-            EXPECT_EQ(out.count(kind, writer, number), failed ? 0 : 1);
-            EXPECT_EQ(err.count(kind, writer, number), failed ? 1 : 0);
-            EXPECT_EQ(log.count(kind, writer, number), kind == 'p' ? 0 : 1);
-        }
+    expect_each_once(out, err, log);
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 

@@ -1,4 +1,5 @@
-// Short forms for tests that allocate: the memory interface with the caller's position filled in.
+// What tests that allocate share: the types and sizes to try, and short forms of the memory
+// interface with the caller's position filled in.
 #pragma once
 
 #include "support/psp_test.h"
@@ -11,6 +12,17 @@
 #include <ostream>
 
 namespace psptest {
+
+// The types of tags: all, and those that take their blocks out of chunks.
+inline constexpr PSP_ALLOCATOR_TYPE all_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR,
+                                                   LEGACY_ALLOCATOR};
+inline constexpr PSP_ALLOCATOR_TYPE chunk_types[] = {BLOCK_ALLOCATOR, LIST_ALLOCATOR,
+                                                     STACK_ALLOCATOR};
+
+// The sizes that no allocator can serve: block sizes are 32-bit numbers.
+inline constexpr std::size_t gib4 = std::size_t{1} << 32;
+inline constexpr std::size_t impossible_sizes[] = {gib4 - 1,   gib4,          gib4 + 1,
+                                                   gib4 + 100, 3 * gib4 + 16, SIZE_MAX - 2};
 
 inline void* get(std::size_t size, PSP_MEMTAG tag, std::int32_t mode = 1,
                  const void* data = nullptr)

@@ -2,7 +2,7 @@
 // ways to let allocations jump and to find out whether a lock is held.
 #pragma once
 
-#include "fault/faults.h"
+#include "support/fault_test.h"
 #include "support/mem_test.h"
 #include "support/text_test.h"
 
@@ -37,19 +37,14 @@ void expect_enterable(Body body)
 }
 
 // What a test took from the library must be back at its end.
-class TextFault : public PspTest {
+class TextFault : public FaultTest {
   protected:
     void SetUp() override
     {
-        PspTest::SetUp();
+        FaultTest::SetUp();
         Stream(dir_ / "warm", "w").close();
         psp_freeMem(get(8, PSP_THREAD_TAG), PSP_THREAD_TAG, __FILE__, __LINE__);
         global_ = global_bytes();
-    }
-    void TearDown() override
-    {
-        Fault::clear();
-        PspTest::TearDown();
     }
     static std::size_t global_bytes()
     {

@@ -1,11 +1,13 @@
 // What the tests of text streams, output stacks and logging share: streams that close themselves,
-// whole-stream reading, and the form of a line of the log.
+// whole-stream reading, printing from a list of arguments, and the form of a line of the log.
 #pragma once
 
 #include "support/psp_test.h"
 
+#include "psp/output.h"
 #include "psp/stream.h"
 
+#include <cstdarg>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -52,6 +54,17 @@ class Stream {
   private:
     PSP_FILE_STREAM stream_;
 };
+
+// Prints to the error output as a caller with a list of arguments does.
+PSP_PRINTF(1, 2)
+inline int32_t print_err(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int32_t written = psp_printfErrV(format, args);
+    va_end(args);
+    return written;
+}
 
 // A byte as psp_fgetc gives it.
 inline int32_t signed_byte(unsigned byte)

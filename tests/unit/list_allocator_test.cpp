@@ -385,7 +385,6 @@ TEST_F(ListAllocator, RefusesSizesThatDoNotFitThirtyTwoBits)
     void* block = alloc(100);
     std::memset(block, 'p', 100);
     const PSP_TAG_MEM_INFO before = entry_.mem_info;
-    constexpr std::size_t gib4 = std::size_t{1} << 32;
     for (std::size_t below = 1; below <= 64; below++) {
         EXPECT_EQ(alloc(gib4 - below), nullptr) << below;
         EXPECT_EQ(realloc(block, gib4 - below), nullptr) << below;

@@ -1,5 +1,7 @@
 // The tables behind the codec of variable-length integers: every row and every first byte, against
 // arithmetic on the marks alone.
+#include "support/varint_model.h"
+
 #include "psp_varint_int.h"
 
 #include <gtest/gtest.h>
@@ -10,41 +12,15 @@
 #include <random>
 #include <vector>
 
+using namespace psptest;
+
 namespace {
 
 using Bytes = std::vector<uint32_t>;
 
-// The format again: the first byte's mark, its payload bits, and where the values begin.
-struct Form {
-    uint32_t mark;
-    unsigned first_bits;
-    uint64_t offset;
-};
-constexpr Form forms[] = {
-    {0x00, 7, 0x0},
-    {0x80, 6, 0x80},
-    {0xC0, 5, 0x4080},
-    {0xE0, 3, 0x204080},
-    {0xE8, 3, 0x8204080},
-    {0xF0, 3, 0x808204080},
-    {0xF8, 0, 0x80808204080},
-    {0xF9, 0, 0x1080808204080},
-    {0xFA, 0, 0x101080808204080},
-};
-
 uint64_t last_value(std::size_t row)
 {
-    return row == 8 ? UINT64_MAX : forms[row + 1].offset - 1;
-}
-
-Bytes encoding(std::size_t row, uint64_t value)
-{
-    uint64_t payload = value - forms[row].offset;
-    Bytes bytes(row + 1);
-    for (std::size_t i = row; i > 0; --i, payload >>= 8)
-        bytes[i] = payload & 0xFF;
-    bytes[0] = static_cast<uint32_t>(forms[row].mark | payload);
-    return bytes;
+    return row == 8 ? UINT64_MAX : varint_forms[row + 1].offset - 1;
 }
 
 // Takes bytes up to `room`, then fails.
@@ -80,7 +56,7 @@ struct Source {
 // The ends of a row's range and values between them.
 std::vector<uint64_t> values_of(std::size_t row)
 {
-    const uint64_t first = forms[row].offset;
+    const uint64_t first = varint_forms[row].offset;
     const uint64_t last = last_value(row);
     std::vector<uint64_t> values{first, first + 1, last - 1, last};
     std::mt19937_64 random(row + 1);
@@ -103,7 +79,8 @@ TEST(VarintTable, EncodesEachRowsRangeInTheRowsLength)
         for (const uint64_t value : values_of(row)) {
             Sink sink;
             ASSERT_EQ(psp_encoder_fcns[row].encode_fcn(Sink::put, &sink, value), sOKAY);
-            ASSERT_EQ(sink.bytes, encoding(row, value)) << "row " << row << ", value " << value;
+            ASSERT_EQ(sink.bytes, encoded_varint<Bytes>(value))
+                << "row " << row << ", value " << value;
         }
 }
 
@@ -111,7 +88,7 @@ TEST(VarintTable, DecodesEachRowsRangeFromItsFirstByteOn)
 {
     for (std::size_t row = 0; row < psp_encoder_fcns.size(); ++row)
         for (const uint64_t value : values_of(row)) {
-            Source source{encoding(row, value)};
+            Source source{encoded_varint<Bytes>(value)};
             const auto first = static_cast<uint8_t>(source.bytes[0]);
             uintmax_t decoded = ~value;
             ASSERT_EQ(psp_encoder_fcns[row].decode_fcn(Source::get, &source, first, &decoded),
@@ -130,17 +107,17 @@ TEST(VarintTable, KeepsThePayloadBitsOfTheFirstByteOnly)
             ASSERT_EQ(psp_encoder_fcns[row].decode_fcn(Source::get, &source,
                                                        static_cast<uint8_t>(first), &decoded),
                       sOKAY);
-            uint64_t payload = first & ((1u << forms[row].first_bits) - 1);
+            uint64_t payload = first & ((1u << varint_forms[row].first_bits) - 1);
             for (std::size_t i = 0; i < row; ++i)
                 payload *= 256;
-            ASSERT_EQ(decoded, forms[row].offset + payload) << row << ' ' << first;
+            ASSERT_EQ(decoded, varint_forms[row].offset + payload) << row << ' ' << first;
         }
 }
 
 TEST(VarintTable, StopsEachRowAtAFailingByte)
 {
     for (std::size_t row = 0; row < psp_encoder_fcns.size(); ++row) {
-        const Bytes whole = encoding(row, last_value(row));
+        const Bytes whole = encoded_varint<Bytes>(last_value(row));
         for (std::size_t size = 0; size < whole.size(); ++size) {
             const Bytes part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
             Sink sink{{}, size};
@@ -164,9 +141,9 @@ TEST(VarintTable, FindsTheRowOfEveryFirstByte)
     ASSERT_EQ(reverse_lookup.size(), 256u);
     std::array<int, 256> rows;
     rows.fill(-1);
-    for (std::size_t row = 0; row < std::size(forms); ++row)
-        for (unsigned low = 0; low < 1u << forms[row].first_bits; ++low)
-            rows[forms[row].mark + low] = static_cast<int>(row);
+    for (std::size_t row = 0; row < std::size(varint_forms); ++row)
+        for (unsigned low = 0; low < 1u << varint_forms[row].first_bits; ++low)
+            rows[varint_forms[row].mark + low] = static_cast<int>(row);
     for (unsigned unused = 0xFB; unused <= 0xFF; ++unused) {
         ASSERT_EQ(rows[unused], -1);
         rows[unused] = static_cast<int>(unused - 0xFB) + 9;
