@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 using namespace psptest;
 
@@ -78,7 +79,7 @@ Built build_all(PSP_MEMTAG tag, int length)
     return b;
 }
 
-bool one_of(const char* text, std::initializer_list<std::string> wanted)
+bool one_of(const char* text, const std::vector<std::string>& wanted)
 {
     for (const std::string& candidate : wanted)
         if (text == candidate)
