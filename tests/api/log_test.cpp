@@ -79,7 +79,7 @@ class Log : public PspTest {
 
     const TempDir dir_;
     const std::string path_ = dir_ / "log";
-    const TimeSpan now_;
+    const TimeSpan now_{};
     std::size_t taken_ = 0;
 };
 
