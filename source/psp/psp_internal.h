@@ -300,12 +300,14 @@ struct BUFFER_SINK {
 // ---- What integers and floating values share ----
 
 // 10^0 to 10^19, all that 64 bits hold.
-inline constexpr auto DECIMAL_POWERS = [] {
+consteval std::array<uint64_t, 20> decimal_powers()
+{
     std::array<uint64_t, 20> powers{1};
     for (size_t i = 1; i < powers.size(); ++i)
         powers[i] = powers[i - 1] * 10;
     return powers;
-}();
+}
+inline constexpr std::array<uint64_t, 20> DECIMAL_POWERS = decimal_powers();
 
 // The number of digits of `val`, at least one. `base` is 8, 10 or 16, here and below.
 inline size_t count_digits(uintmax_t val, uint32_t base)
