@@ -7,6 +7,7 @@
 #include "psp/core.h"
 #include "psp/mem.h"
 
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -252,6 +253,11 @@ inline int run_in_child(const std::function<int()>& body)
     const int before = failed_parts(); // the parent's own do not count
     const pid_t pid = fork();
     if (pid == 0) {
+        if (__gcov_dump != nullptr)
+            std::signal(SIGABRT, [](int) { // back to the default, and on to the abort
+                std::signal(SIGABRT, SIG_DFL);
+                __gcov_dump();
+            });
         int status = body();
         if (failed_parts() != before)
             status = child_had_failures;
