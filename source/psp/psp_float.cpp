@@ -73,8 +73,10 @@ static constexpr EXTENDED multiply(EXTENDED a, EXTENDED b)
 // the language has not.
 static constexpr uint64_t divide_wide(uint64_t high, uint64_t low, uint64_t divisor)
 {
+    // GCOVR_EXCL_START: the compiler's own way
     if (std::is_constant_evaluated())
         return static_cast<uint64_t>((static_cast<uint128_t>(high) << 64 | low) / divisor);
+    // GCOVR_EXCL_STOP
     asm("divq %2" : "+a"(low), "+d"(high) : "r"(divisor) : "cc");
     return low;
 }
@@ -87,8 +89,8 @@ static constexpr EXTENDED divide(EXTENDED a, EXTENDED b)
     const uint64_t low = borrow ? 0 : a.mantissa << 63;
     const uint64_t quotient = divide_wide(high, low, b.mantissa);
     const uint64_t rest = low - quotient * b.mantissa;
-    const uint64_t missing = b.mantissa - rest;
-    const bool up = rest > missing || (rest == missing && (quotient & 1));
+    // Never a tie: 65 bits of quotient times an odd part of the divisor have no room in `a`.
+    const bool up = rest > b.mantissa - rest;
     return round_up({quotient, a.exponent - b.exponent - borrow}, up);
 }
 
@@ -133,7 +135,7 @@ static constexpr POWERS POWERS_OF_10 = [] {
     return powers;
 }();
 
-static EXTENDED power_beyond_table(int32_t exponent)
+static constexpr EXTENDED power_beyond_table(int32_t exponent)
 {
     EXTENDED power = exponent < 0 ? POWERS_OF_10.down[TABLED] : POWERS_OF_10.up[TABLED];
     for (; exponent < -TABLED; ++exponent)
@@ -143,7 +145,7 @@ static EXTENDED power_beyond_table(int32_t exponent)
     return power;
 }
 
-static inline EXTENDED power_of_10(int32_t exponent)
+static constexpr EXTENDED power_of_10(int32_t exponent)
 {
     if (exponent < -TABLED || exponent > TABLED)
         return power_beyond_table(exponent);
@@ -164,6 +166,22 @@ static int32_t get_exponent_beyond_table(EXTENDED magnitude)
     return exponent;
 }
 
+// The decimal exponent of 2^exponent, or one less: 78913 / 2^18 is just below log10(2).
+static constexpr int32_t estimate_exponent(int32_t exponent)
+{
+    return std::max(-TABLED, exponent * 78913 >> 18);
+}
+
+static consteval bool estimate_is_never_above()
+{
+    for (int32_t i = POWERS_OF_10.down[TABLED].exponent + 1; i <= POWERS_OF_10.up[TABLED].exponent;
+         ++i)
+        if (is_less(normalize(1, i), power_of_10(estimate_exponent(i))))
+            return false;
+    return true;
+}
+static_assert(estimate_is_never_above());
+
 // The exponent e with 10^e <= magnitude < 10^(e + 1), by the powers above.
 static int32_t get_exponent(EXTENDED magnitude)
 {
@@ -172,10 +190,7 @@ static int32_t get_exponent(EXTENDED magnitude)
     if (is_less(magnitude, POWERS_OF_10.down[TABLED]) ||
         !is_less(magnitude, POWERS_OF_10.up[TABLED]))
         return get_exponent_beyond_table(magnitude);
-    // 78913 / 2^18 is log10(2), near enough to miss by one at most.
-    const int32_t exponent = std::max(-TABLED, magnitude.exponent * 78913 >> 18);
-    if (is_less(magnitude, power_of_10(exponent)))
-        return exponent - 1;
+    const int32_t exponent = estimate_exponent(magnitude.exponent);
     return exponent + !is_less(magnitude, power_of_10(exponent + 1));
 }
 

@@ -187,11 +187,6 @@ struct CALLBACK_SINK {
         return nullptr;
     }
 
-    static bool full()
-    {
-        return false;
-    }
-
     size_t num() const
     {
         return count;
@@ -225,11 +220,6 @@ struct ROOM_SINK {
     char* claim(size_t n)
     {
         return std::exchange(pos, pos + n);
-    }
-
-    static bool full()
-    {
-        return false;
     }
 };
 
@@ -347,8 +337,9 @@ template <class Sink>
 ZYN_RETCODE print_digits(Sink& sink, const FORMAT_CTX& fctx, uintmax_t val, size_t len, char* tmp)
 {
     char* const room = sink.claim(len);
-    if (room == nullptr && sink.full())
-        return sink.emitn('0', len); // they only count
+    if constexpr (requires { sink.full(); })
+        if (room == nullptr && sink.full())
+            return sink.emitn('0', len); // they only count
     char* const start = room != nullptr ? room : tmp;
     convert(start + len, val, fctx.base, fctx.flags & FLAG_UPPER);
     return room != nullptr ? sOKAY : sink.emitstr(start, len);

@@ -19,7 +19,7 @@ constexpr uint32_t DEFAULT_SEED = 0x8DF1337C;
 struct PSP_RAND_CTX {
     uint32_t* curr;               // the next word to hand out
     uint32_t* end;                // one past the last one, &MT[624]
-    PSP_SEM sem;                  // the lock, PSP_SEM_INVALID for none
+    PSP_SEM sem;                  // room for a lock: always PSP_SEM_INVALID
     uint32_t MT[STATE_WORDS + 1]; // the state; the last word is not used
 };
 
@@ -29,18 +29,6 @@ namespace {
 PSP_RAND_CTX* record(PSP_RAND randCtx)
 {
     return const_cast<PSP_RAND_CTX*>(randCtx);
-}
-
-void lock(const PSP_RAND_CTX* ctx)
-{
-    if (ctx->sem != PSP_SEM_INVALID)
-        psp_syncEnterExcl(ctx->sem);
-}
-
-void unlock(const PSP_RAND_CTX* ctx)
-{
-    if (ctx->sem != PSP_SEM_INVALID)
-        psp_syncExitExcl(ctx->sem);
 }
 
 uint32_t twist(uint32_t high, uint32_t low, uint32_t middle)
@@ -63,22 +51,18 @@ void psp_randGenerateNumbers(PSP_RAND_CTX* ctx)
 
 void psp_randSetSeed(PSP_RAND_CTX* ctx, uint32_t seed)
 {
-    lock(ctx);
     uint32_t* MT = ctx->MT;
     MT[0] = seed;
     for (uint32_t i = 1; i < STATE_WORDS; ++i)
         MT[i] = 1812433253U * (MT[i - 1] ^ (MT[i - 1] >> 30)) + i;
     psp_randGenerateNumbers(ctx);
-    unlock(ctx);
 }
 
 uint32_t psp_randGetNext(PSP_RAND_CTX* ctx)
 {
-    lock(ctx);
     if (ctx->curr == ctx->end)
         psp_randGenerateNumbers(ctx);
     uint32_t y = *ctx->curr++;
-    unlock(ctx);
     y ^= y >> 11;
     y ^= (y << 7) & 0x9D2C5680U;
     y ^= (y << 15) & 0xEFC60000U;
@@ -117,8 +101,6 @@ void psp_randDestroy(PSP_RAND randCtx)
 {
     if (randCtx == nullptr)
         return;
-    if (randCtx->sem != PSP_SEM_INVALID)
-        psp_syncDelete(randCtx->sem);
     psp_freeMem(randCtx, PSP_GLOBAL_TAG, __FILE__, __LINE__);
 }
 

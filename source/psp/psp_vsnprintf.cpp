@@ -431,7 +431,7 @@ static ZYN_RETCODE handle_type(Sink& sink, ZYN_PRINTF_CTX& pctx, HANDLER handler
 {
     switch (handler) {
     case H_NONE:
-        return sOKAY;
+        break;
     case H_INTEGER:
         return handle_integer(sink, pctx);
     case H_FLOAT:
@@ -444,7 +444,7 @@ static ZYN_RETCODE handle_type(Sink& sink, ZYN_PRINTF_CTX& pctx, HANDLER handler
         return handle_pointer(sink, pctx);
     case H_N:
         handle_n(pctx, sink.num());
-        return sOKAY;
+        break;
     case H_PERCENT:
         return sink.emit('%');
     }

@@ -235,6 +235,12 @@ TEST(FloatArgument, OfALongDoubleIsTakenWhole)
         "1.000000 2.000000 3.000000 4.000000 5.000000 6.000000 7.000000 8.000000 9.000000 10");
 }
 
+// The nearest to a hundredth is a little less; a hundred of it are 1 in 64 bits.
+TEST(FloatArgument, WhoseDigitsRoundUpToAPowerOfTwoKeepsThem)
+{
+    EXPECT_EQ(formatted("%.2Lf|%.1Lf|%.3Lf", 0.01L, 0.01L, 0.01L), "0.01|0.0|0.010");
+}
+
 TEST(FloatArgument, IsNotGroupedInTheCLocale)
 {
     EXPECT_EQ(formatted("%'f|%'.0f|%'g", 1234567.5, 1234567.0, 1234567.0),
