@@ -332,6 +332,18 @@ TEST_F(OutputStream, ReturnsTheFailureOfAWriteFromThePutThatNeededIt)
     EXPECT_EQ(writer.bytes, full) << "what was buffered went out, the refused byte did not enter";
 }
 
+TEST_F(OutputStream, PutsNoTextWhoseLengthIsRefused)
+{
+    Writer writer;
+    Out out(writer);
+    const std::string full(31744, 'f');
+    ASSERT_EQ(psp_outputBuffPutBytes(out, full.data(), full.size()), sOKAY);
+    writer.refusals = 1;
+    EXPECT_EQ(psp_outputBuffPutStringWithLength(out, "text"), eBADWRITE);
+    EXPECT_EQ(psp_outputBuffFlush(out), sOKAY);
+    EXPECT_EQ(writer.bytes, full);
+}
+
 TEST_F(OutputStream, SendsLargeRunsDirectlyBehindWhatIsBuffered)
 {
     Writer writer;
@@ -626,6 +638,16 @@ TEST_F(InputStream, ReturnsTheFailureOfSkippingTheRestOfACutString)
     char text[4];
     EXPECT_EQ(psp_inputBuffGetStringWithLength(in, text, sizeof text), eBADREAD);
     EXPECT_STREQ(text, "012");
+}
+
+TEST_F(InputStream, GivesNoTextWhoseLengthCannotBeRead)
+{
+    Reader reader{std::string("\x04\x00", 2), SIZE_MAX, eBADREAD};
+    In in(reader);
+    char untouched = 'u';
+    char* text = &untouched;
+    EXPECT_EQ(psp_inputBuffGetString(in, &text, PSP_GLOBAL_TAG), eBADREAD);
+    EXPECT_EQ(text, &untouched);
 }
 
 TEST_F(InputStream, LeavesTheTextUnreadWhenThereIsNoMemoryForIt)

@@ -446,6 +446,21 @@ TEST_F(StreamLine, TakesItsMemoryFromTheCallersTag)
     }
 }
 
+// The beginning of a mark alone leaves a stream without a mode, which gives zeros without end.
+TEST_F(StreamLine, EndsOnAStreamWithoutAMode)
+{
+    const TempDir dir;
+    write_file(dir / "f", "\xEF");
+    Stream stream(dir / "f", "r", PSP_FILE_MODE_UNKNOWN);
+    EXPECT_EQ(psp_fgetc(stream), 0);
+    Line line;
+    EXPECT_EQ(line.next(stream), nullptr);
+    EXPECT_EQ(psp_fungetc('x', stream), 'x');
+    ASSERT_NE(line.next(stream), nullptr);
+    EXPECT_STREQ(line.buf, "x") << "what was pushed back is a line";
+    EXPECT_EQ(line.next(stream), nullptr);
+}
+
 TEST_F(StreamLine, ReadsRandomTextLineByLine)
 {
     const TempDir dir;
