@@ -1,6 +1,11 @@
-// UTF-8: the decoder and all that is built on it against one that looks at whole sequences instead
-// of keeping a state from byte to byte.
+// UTF-8: the decoder and all that is built on it, in both ways to treat what is malformed, beside
+// one that looks at whole sequences instead of keeping a state from byte to byte; and the bounded
+// byte buffer.
+//
+// Texts end at a page that cannot be read, and what is written lies alone in memory.
 #include "fuzz.h"
+#include "library.h"
+#include "support/guarded.h"
 #include "support/utf8_model.h"
 
 #include "psp/utf8.h"
@@ -12,64 +17,34 @@
 #include <string>
 #include <vector>
 
-using psptest::encoded_utf8;
+using namespace psptest;
 
 namespace {
 
 using Points = std::vector<uint32_t>;
 
-struct Decoded {
-    Points points; // those before the first malformed piece when it counts
-    bool failed = false;
+constexpr std::size_t most_text = 16384;
+
+// What the input asks of the functions.
+struct Task {
+    std::string text;
+    PSP_UTF8_ERROR_BEHAVIOR behavior;
+    std::size_t room;  // at a destination
+    std::size_t limit; // in characters
+    ZYN_RETCODE code;  // that ends the work at the limit
 };
 
-bool is_tail(unsigned char byte)
+// The text, readable up to its last byte.
+const char* placed(std::string_view text)
 {
-    return (byte & 0xC0) == 0x80;
+    static GuardedRoom room(most_text);
+    return room.place(text);
 }
 
-// How many bytes ought to follow a first byte; -1: it begins nothing.
-int following(unsigned char first)
+// Its NUL is the last byte.
+const char* placed_string(const std::string& text)
 {
-    if (first < 0x80)
-        return 0;
-    if (first < 0xC0 || first >= 0xF8)
-        return -1;
-    return first < 0xE0 ? 1 : first < 0xF0 ? 2 : 3;
-}
-
-bool is_forbidden(uint32_t point)
-{
-    return (point >= 0xD800 && point <= 0xDFFF) || point == 0xFFFE || point == 0xFFFF ||
-           point > 0x10FFFF;
-}
-
-Decoded decode(const std::string& text, bool strict)
-{
-    Decoded result;
-    for (std::size_t at = 0; at < text.size();) {
-        const auto first = static_cast<unsigned char>(text[at++]);
-        const int wanted = following(first);
-        uint32_t point = wanted <= 0 ? first : first & (0x3Fu >> wanted);
-        int got = 0;
-        while (got < wanted && at < text.size() && is_tail(static_cast<unsigned char>(text[at]))) {
-            point = point << 6 | (static_cast<unsigned char>(text[at++]) & 0x3F);
-            got++;
-        }
-        const bool whole = got == wanted;
-        if (!whole && wanted > 0 && at < text.size() &&
-            static_cast<unsigned char>(text[at]) >= 0xF8)
-            at++; // breaks the sequence and is gone with it
-        const bool valid = whole && !is_forbidden(point);
-        const bool shortest =
-            valid && encoded_utf8(point).size() == static_cast<std::size_t>(wanted) + 1;
-        if (strict && !shortest) {
-            result.failed = true;
-            return result;
-        }
-        result.points.push_back(valid ? point : '?');
-    }
-    return result;
+    return placed({text.c_str(), text.size() + 1});
 }
 
 std::string encoded(const Points& points)
@@ -79,6 +54,8 @@ std::string encoded(const Points& points)
         text += encoded_utf8(point);
     return text;
 }
+
+// ---- Texts ----
 
 // Gathers code points until it has so many, and then ends the work with a code.
 struct Collector {
@@ -96,79 +73,175 @@ struct Collector {
     }
 };
 
-// A copy without a byte to spare, so that reading beyond it is seen.
-std::unique_ptr<char[]> exact(const std::string& text)
+void check_decoder(const Task& task, const DecodedUtf8& expected)
 {
-    std::unique_ptr<char[]> copy(new char[text.size()]);
-    std::copy(text.begin(), text.end(), copy.get());
-    return copy;
-}
-
-void check_decoder(const std::string& text, PSP_UTF8_ERROR_BEHAVIOR behavior,
-                   const Decoded& expected, std::size_t limit, ZYN_RETCODE code)
-{
-    const auto copy = exact(text);
-    BUFFER_INPUT_CTX in{copy.get(), 0, text.size()};
-    Collector out{limit, code};
-    const ZYN_RETCODE rc = psp_processInput(bufferInputFcn, &in, Collector::put, &out, behavior);
-    if (expected.points.size() > limit) {
-        CHECK(rc == (code == sNOTFOUND ? ZYN_RETCODE{sOKAY} : code));
-        CHECK(std::equal(out.points.begin(), out.points.end(), expected.points.begin()));
-        CHECK(out.points.size() == limit);
+    BUFFER_INPUT_CTX in{placed(task.text), 0, task.text.size()};
+    Collector out{task.limit, task.code};
+    const ZYN_RETCODE rc =
+        psp_processInput(bufferInputFcn, &in, Collector::put, &out, task.behavior);
+    if (expected.chars.size() > task.limit) {
+        CHECK(rc == (task.code == sNOTFOUND ? ZYN_RETCODE{sOKAY} : task.code));
+        CHECK(std::equal(out.points.begin(), out.points.end(), expected.chars.begin()));
+        CHECK(out.points.size() == task.limit);
     } else {
         CHECK(rc == (expected.failed ? ZYN_RETCODE{eINVUNICODE} : ZYN_RETCODE{sOKAY}));
-        CHECK(out.points == expected.points);
+        CHECK(out.points == expected.chars);
     }
 }
 
-void check_copying(const std::string& text, PSP_UTF8_ERROR_BEHAVIOR behavior,
-                   const Decoded& expected, std::size_t room)
+void check_copying(const Task& task, const DecodedUtf8& expected)
 {
-    const auto copy = exact(text);
-    std::unique_ptr<char[]> dest(new char[room]);
+    const char* const text = placed(task.text);
     std::string fits;
     std::size_t count = 0;
-    while (count < expected.points.size() &&
-           fits.size() + encoded_utf8(expected.points[count]).size() <= room)
-        fits += encoded_utf8(expected.points[count++]);
+    while (count < expected.chars.size() &&
+           fits.size() + encoded_utf8(expected.chars[count]).size() <= task.room)
+        fits += encoded_utf8(expected.chars[count++]);
+    const std::size_t result = expected.failed ? PSP_UTF8_FAILED : fits.size();
+    const std::unique_ptr<char[]> dest(new char[task.room]);
     for (char* where : {dest.get(), static_cast<char*>(nullptr)}) {
         std::size_t chars = 4711;
-        const std::size_t bytes =
-            psp_copyUTF8Chars(where, room, copy.get(), text.size(), &chars, behavior);
-        CHECK(bytes == (expected.failed ? PSP_UTF8_FAILED : fits.size()));
+        CHECK(psp_copyUTF8Chars(where, task.room, text, task.text.size(), &chars, task.behavior) ==
+              result);
         CHECK(chars == (expected.failed ? 4711 : count));
     }
-    CHECK(expected.failed || std::string(dest.get(), fits.size()) == fits);
+    CHECK(expected.failed || std::equal(fits.begin(), fits.end(), dest.get()));
+    CHECK(psp_copyUTF8Chars(dest.get(), task.room, text, task.text.size(), nullptr,
+                            task.behavior) == result);
 }
 
-void check_counting(const std::string& text, PSP_UTF8_ERROR_BEHAVIOR behavior,
-                    const Decoded& expected, std::size_t chars)
+void check_counting(const Task& task, const DecodedUtf8& expected)
 {
-    const auto copy = exact(text);
-    CHECK(psp_countUTF8chars(copy.get(), text.size(), behavior) ==
-          (expected.failed ? 0 : expected.points.size()));
-    const bool enough = chars != 0 && expected.points.size() >= chars;
-    Points counted = expected.points;
+    const char* const text = placed(task.text);
+    CHECK(psp_countUTF8chars(text, task.text.size(), task.behavior) ==
+          (expected.failed ? 0 : expected.chars.size()));
+    const bool enough = task.limit != 0 && expected.chars.size() >= task.limit;
+    Points counted = expected.chars;
     if (enough)
-        counted.resize(chars);
-    CHECK(psp_countUTF8bytes(copy.get(), text.size(), chars, behavior) ==
+        counted.resize(task.limit);
+    CHECK(psp_countUTF8bytes(text, task.text.size(), task.limit, task.behavior) ==
           (expected.failed && !enough ? PSP_UTF8_FAILED : encoded(counted).size()));
+}
+
+// ---- Wide characters ----
+
+bool equal(const wchar_t* stored, const DecodedUtf8& expected, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; i++)
+        if (static_cast<uint32_t>(stored[i]) != expected.chars[i])
+            return false;
+    return stored[count] == 0;
 }
 
 // `convert` is called with a destination and its length in elements.
 template <class Convert>
-void check_wide(const Decoded& expected, std::size_t room, Convert convert)
+void check_wide(const Task& task, const DecodedUtf8& expected, Convert convert)
 {
-    std::unique_ptr<wchar_t[]> dest(new wchar_t[room]);
-    const std::size_t stored = std::min(expected.points.size(), room - 1);
-    CHECK(convert(nullptr, 0) == (expected.failed ? PSP_UTF8_FAILED : expected.points.size() + 1));
+    const std::size_t room = task.room + 1;
+    const std::unique_ptr<wchar_t[]> dest(new wchar_t[room]);
+    const std::size_t stored = std::min(expected.chars.size(), task.room);
+    CHECK(convert(nullptr, 0) == (expected.failed ? PSP_UTF8_FAILED : expected.chars.size() + 1));
     CHECK(convert(dest.get(), room) == (expected.failed ? PSP_UTF8_FAILED : stored + 1));
-    if (expected.failed)
-        return;
-    for (std::size_t i = 0; i < stored; i++)
-        CHECK(static_cast<uint32_t>(dest[i]) == expected.points[i]);
-    CHECK(dest[stored] == 0);
+    CHECK(expected.failed || equal(dest.get(), expected, stored));
 }
+
+void check_new_wide(const Task& task, const DecodedUtf8& expected)
+{
+    const Balance balance;
+    const char* const text = placed_string(task.text);
+    wchar_t* const made = psp_convToWchar(text, task.behavior, PSP_GLOBAL_TAG);
+    wchar_t other = 0;
+    wchar_t* again = &other;
+    const ZYN_RETCODE rc = psp_convToWchar_rc(text, task.behavior, &again, PSP_GLOBAL_TAG);
+    CHECK(rc == (expected.failed ? ZYN_RETCODE{eNOMEMORY} : ZYN_RETCODE{sOKAY}));
+    for (wchar_t* const str : {made, again}) {
+        CHECK((str == nullptr) == expected.failed);
+        if (str == nullptr)
+            continue;
+        CHECK(equal(str, expected, expected.chars.size()));
+        psp_freeMem(str, PSP_GLOBAL_TAG, __FILE__, __LINE__);
+    }
+}
+
+void check_text(Task task)
+{
+    const DecodedUtf8 expected = decoded_utf8(task.text, task.behavior);
+    check_decoder(task, expected);
+    check_copying(task, expected);
+    check_counting(task, expected);
+    const char* text = placed(task.text);
+    check_wide(task, expected, [&](wchar_t* dest, std::size_t room) {
+        return psp_utf8_to_wchar_len(dest, room, text, task.text.size(), task.behavior);
+    });
+    task.text.resize(std::min(task.text.size(), task.text.find('\0')));
+    const DecodedUtf8 head = decoded_utf8(task.text, task.behavior);
+    text = placed_string(task.text);
+    check_wide(task, head, [&](wchar_t* dest, std::size_t room) {
+        return psp_utf8_to_wchar(dest, text, room, task.behavior);
+    });
+    check_new_wide(task, head);
+}
+
+// ---- One code point ----
+
+void check_code_point(uint32_t point, std::size_t room)
+{
+    const std::string expected = point < 0x110000 ? encoded_utf8(point) : "";
+    CHECK(psp_utf8_codes(point, nullptr) == expected.size());
+    const std::unique_ptr<uint8_t[]> bytes(new uint8_t[expected.size()]);
+    CHECK(psp_utf8_codes(point, bytes.get()) == expected.size());
+    CHECK(std::equal(expected.begin(), expected.end(), reinterpret_cast<char*>(bytes.get())));
+
+    const std::unique_ptr<uint8_t[]> buffer(new uint8_t[room]);
+    std::fill_n(buffer.get(), room, 0x5A);
+    CHECK(psp_uchar_to_utf8(point, buffer.get(), room) == expected.size());
+    const bool fits = expected.size() <= room;
+    for (std::size_t i = 0; i < room; i++) {
+        const char filled = i < expected.size() ? expected[i] : '\0';
+        CHECK(buffer[i] == (fits ? static_cast<uint8_t>(filled) : 0x5A));
+    }
+}
+
+// ---- The byte buffer ----
+
+// The text byte by byte, through the callback or as a string. Bits above a byte do not count.
+void check_buffer(const Task& task, bool with_memory)
+{
+    const std::string head = task.text.substr(0, task.text.find('\0'));
+    const std::unique_ptr<char[]> memory(new char[task.room]);
+    ZYN_OUTPUT_BUFF info;
+    psp_utf8BuffInit(&info, with_memory ? memory.get() : nullptr, task.room);
+    for (const char byte : task.text)
+        CHECK(psp_emitCharAsUtf8(&info, 0xABCD00 | static_cast<uint8_t>(byte)) == sOKAY);
+    CHECK(psp_outputString(psp_emitCharAsUtf8, &info, placed_string(head)) == sOKAY);
+
+    const std::string all = task.text + head;
+    const bool stores = with_memory && task.room != 0;
+    const std::size_t used = stores ? std::min(all.size(), task.room - 1) : 0;
+    CHECK(info.used_elems == used && info.used_chars == used);
+    CHECK(info.needed_elems == all.size() && info.needed_chars == all.size());
+    CHECK((info.done != ZYN_FALSE) == (used < all.size()));
+    psp_utf8BuffTerm(&info);
+    CHECK(info.needed_elems == all.size() + 1 && info.needed_chars == all.size() + 1);
+    CHECK(info.used_elems == used + stores && info.used_chars == used + stores);
+    CHECK(!stores ||
+          std::equal(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(used), memory.get()));
+    CHECK(!stores || memory[used] == '\0');
+}
+
+// Ends the work at the limit.
+void check_output_string(const Task& task)
+{
+    const std::string head = task.text.substr(0, task.text.find('\0'));
+    Collector out{task.limit, task.code};
+    const ZYN_RETCODE rc = psp_outputString(Collector::put, &out, placed_string(head));
+    CHECK(rc == (head.size() > task.limit ? task.code : ZYN_RETCODE{sOKAY}));
+    CHECK(out.points.size() == std::min(head.size(), task.limit));
+    for (std::size_t i = 0; i < out.points.size(); i++)
+        CHECK(out.points[i] == static_cast<uint8_t>(head[i]));
+}
+
+// ---- Inputs ----
 
 // A text of pieces next to every limit of the decoder, and of any bytes between them.
 std::string make_text(FuzzedDataProvider& input)
@@ -195,40 +268,30 @@ std::string make_text(FuzzedDataProvider& input)
     return text;
 }
 
-void check_code_point(uint32_t point)
-{
-    const std::string expected = point < 0x110000 ? encoded_utf8(point) : "";
-    uint8_t bytes[4];
-    CHECK(psp_utf8_codes(point, nullptr) == expected.size());
-    CHECK(psp_utf8_codes(point, bytes) == expected.size());
-    CHECK(std::equal(expected.begin(), expected.end(), reinterpret_cast<char*>(bytes)));
-}
-
 } // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    start_library();
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzedDataProvider input(data, size);
-    const auto room = input.ConsumeIntegralInRange<std::size_t>(0, 64);
-    const auto limit = input.ConsumeIntegralInRange<std::size_t>(0, 64);
-    const ZYN_RETCODE code = input.PickValueInArray<ZYN_RETCODE>({sNOTFOUND, eBADWRITE});
-    check_code_point(input.ConsumeIntegralInRange<uint32_t>(0, 0x120000));
-    const std::string text =
-        input.ConsumeBool() ? make_text(input) : input.ConsumeRemainingBytesAsString();
-    const std::string head = text.substr(0, text.find('\0'));
+    Task task;
+    task.room = input.ConsumeIntegralInRange<std::size_t>(0, 64);
+    task.limit = input.ConsumeIntegralInRange<std::size_t>(0, 64);
+    task.code = input.PickValueInArray<ZYN_RETCODE>({sNOTFOUND, eBADWRITE});
+    check_code_point(input.ConsumeIntegralInRange<uint32_t>(0, 0x120000), task.room % 8);
+    task.text = input.ConsumeBool() ? make_text(input) : input.ConsumeRemainingBytesAsString();
+    task.text.resize(std::min(task.text.size(), most_text - 1));
     for (const auto behavior : {PSP_UTF8_ERROR_BREAK, PSP_UTF8_ERROR_CONTINUE}) {
-        const bool strict = behavior == PSP_UTF8_ERROR_BREAK;
-        const Decoded expected = decode(text, strict);
-        check_decoder(text, behavior, expected, limit, code);
-        check_copying(text, behavior, expected, room);
-        check_counting(text, behavior, expected, limit);
-        const auto copy = exact(text);
-        check_wide(expected, room + 1, [&](wchar_t* dest, std::size_t elements) {
-            return psp_utf8_to_wchar_len(dest, elements, copy.get(), text.size(), behavior);
-        });
-        check_wide(decode(head, strict), room + 1, [&](wchar_t* dest, std::size_t elements) {
-            return psp_utf8_to_wchar(dest, head.c_str(), elements, behavior);
-        });
+        task.behavior = behavior;
+        check_text(task);
     }
+    check_buffer(task, true);
+    check_buffer(task, false);
+    check_output_string(task);
     return 0;
 }

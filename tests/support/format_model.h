@@ -126,7 +126,9 @@ class FormatModel {
                 break;
             }
         }
-        d_.type = fmt_.at(at_++);
+        if (at_ == fmt_.size())
+            return; // cut off: dropped
+        d_.type = fmt_[at_++];
         convert();
     }
 
@@ -253,7 +255,7 @@ class FormatModel {
         if (bytes == nullptr)
             bytes = d_.precision && *d_.precision < 6 ? "" : "(null)";
         std::string shown;
-        while (*bytes != '\0' && (!d_.precision || shown.size() < *d_.precision))
+        while ((!d_.precision || shown.size() < *d_.precision) && *bytes != '\0')
             shown += *bytes++;
         const std::string padding(d_.width > shown.size() ? d_.width - shown.size() : 0, ' ');
         text += d_.left ? shown + padding : padding + shown;
