@@ -1,5 +1,6 @@
 // Binary streams: the bytes of every item, the sizes of the blocks that reach the transport, and
 // what is left after a transport failed.
+#include "support/binstream_model.h"
 #include "support/psp_test.h"
 
 #include "psp.h"
@@ -216,87 +217,51 @@ TEST_F(OutputStream, WritesAFullBufferOnlyWhenTheNextByteComes)
     EXPECT_EQ(writer.blocks, std::vector<uint32_t>{31744});
 }
 
-// The buffer as the rules tell it: how large it is, and which blocks leave it.
-struct BufferModel {
-    uint32_t size = 4096;
-    uint32_t pos = 0;
-    std::vector<uint32_t> blocks;
-
-    void put(std::size_t count)
-    {
-        while (count > 0) {
-            if (pos == size) {
-                bool reached_the_most = true;
-                if (size < 32768) {
-                    size = std::min(size + 1024, 32768u);
-                    reached_the_most = size == 32768;
-                }
-                if (reached_the_most)
-                    flush();
-            }
-            const auto part = static_cast<uint32_t>(std::min<std::size_t>(count, size - pos));
-            pos += part;
-            count -= part;
-        }
-    }
-    void flush()
-    {
-        if (pos > 0)
-            blocks.push_back(pos);
-        pos = 0;
-    }
-    void send(std::size_t count)
-    {
-        if (count == 0)
-            return;
-        flush();
-        blocks.push_back(static_cast<uint32_t>(count));
-    }
-};
-
 TEST_F(OutputStream, WritesTheBlocksThatAModelOfItsBufferPredicts)
 {
     for (unsigned seed = 1; seed <= 5; ++seed) {
         std::mt19937 random(seed);
         Writer writer;
-        Out out(writer, static_cast<int16_t>(seed & 1));
-        BufferModel model;
-        const std::string data(100'000, 'd');
+        const bool swap = seed % 2 == 1;
+        Out out(writer, swap);
+        psptest::BinaryOutputModel model;
+        std::string data(100'000, '\0');
+        std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random()); });
         for (int i = 0; i < 4000; ++i) {
             const std::size_t count = random() % (random() % 50 == 0 ? 90'000 : 300);
             switch (random() % 8) {
             case 0:
                 ASSERT_EQ(psp_outputBuffPutChar(out, 'c'), sOKAY);
-                model.put(1);
+                model.put("c");
                 break;
             case 1:
-                ASSERT_EQ(psp_outputBuffPutInt16(out, 1), sOKAY);
-                model.put(2);
+                ASSERT_EQ(psp_outputBuffPutInt16(out, 0x0102), sOKAY);
+                model.put(psptest::number_bytes(int16_t{0x0102}, swap));
                 break;
             case 2:
-                ASSERT_EQ(psp_outputBuffPutInt32(out, 1), sOKAY);
-                model.put(4);
+                ASSERT_EQ(psp_outputBuffPutInt32(out, 0x01020304), sOKAY);
+                model.put(psptest::number_bytes(int32_t{0x01020304}, swap));
                 break;
             case 3:
-                ASSERT_EQ(psp_outputBuffPutInt64(out, 1), sOKAY);
-                model.put(8);
+                ASSERT_EQ(psp_outputBuffPutInt64(out, 0x0102030405060708), sOKAY);
+                model.put(psptest::number_bytes(int64_t{0x0102030405060708}, swap));
                 break;
             case 4:
-                ASSERT_EQ(psp_outputBuffPutFloat32(out, 1.5f), sOKAY);
-                model.put(4);
+                ASSERT_EQ(psp_outputBuffPutFloat32(out, 1.7f), sOKAY);
+                model.put(psptest::number_bytes(1.7f, swap));
                 break;
             case 5:
-                ASSERT_EQ(psp_outputBuffPutFloat64(out, 1.5), sOKAY);
-                model.put(8);
+                ASSERT_EQ(psp_outputBuffPutFloat64(out, 1.7), sOKAY);
+                model.put(psptest::number_bytes(1.7, swap));
                 break;
             case 6:
                 ASSERT_EQ(psp_outputBuffPutBytes(out, data.data(), count), sOKAY);
-                model.put(count);
+                model.put(data.substr(0, count));
                 break;
             default:
                 if (count % 16 == 0) {
                     ASSERT_EQ(psp_outputBuffSendDirect(out, data.data(), count), sOKAY);
-                    model.send(count);
+                    model.send(data.substr(0, count));
                 } else if (count % 16 == 1) {
                     ASSERT_EQ(psp_outputBuffFlush(out), sOKAY);
                     model.flush();
@@ -304,6 +269,7 @@ TEST_F(OutputStream, WritesTheBlocksThatAModelOfItsBufferPredicts)
             }
             ASSERT_EQ(writer.blocks, model.blocks) << "seed " << seed << " step " << i;
         }
+        EXPECT_EQ(writer.bytes, model.bytes);
     }
 }
 

@@ -319,26 +319,6 @@ TEST_F(StreamCache, StagesFormattedTextInABufferOfItsExactSize)
 
 // ---- At random, beside the model ----
 
-struct OpenMode {
-    const char* mode;
-    bool readable, writable, append, truncate, writing;
-};
-
-// clang-format off
-constexpr OpenMode open_modes[] = {
-    {"r",   true,  false, false, false, false},
-    {"r+",  true,  true,  false, false, false},
-    {"+",   true,  true,  false, false, false},
-    {"w",   false, true,  false, true,  true},
-    {"w+",  true,  true,  false, true,  true},
-    {"a",   false, true,  true,  false, true},
-    {"a+",  true,  true,  true,  false, true},
-    {"wr",  true,  false, false, false, true},
-    {"wr+", true,  true,  false, false, true},
-    {"rw",  false, true,  false, true,  true},
-};
-// clang-format on
-
 class RandomUse {
   public:
     RandomUse(uint32_t seed, bool faulty) : random_(seed), faulty_(faulty) {}
@@ -469,14 +449,10 @@ class StreamCacheAtRandom : public StreamCache {
         const std::string before = random.file();
         std::filesystem::remove(path_); // a new file is cheaper than one that is cut
         write_file(path_, before);
-        model.file.bytes = mode.truncate ? "" : before;
-        model.file.readable = mode.readable;
-        model.file.writable = mode.writable;
-        model.file.append = mode.append;
         transfers.clear();
         const int fmode = static_cast<int>(random(3));
         random.plan(model);
-        model.open(mode.writing, fmode);
+        model.open(mode, before, fmode);
         Stream stream(open(mode.mode, static_cast<PSP_FILE_MODE>(fmode)));
         ASSERT_NO_FATAL_FAILURE(expect_state(stream, model));
         for (uint32_t count = random(25); count > 0; count--) {

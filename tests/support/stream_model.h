@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <ostream>
 #include <string>
@@ -100,6 +101,28 @@ struct ModelFile {
     }
 };
 
+// What the characters of a mode come to.
+struct OpenMode {
+    const char* mode;
+    bool readable, writable, append, truncate;
+    bool writing; // what a "w" or an "a" leaves behind, whatever follows it
+};
+
+// clang-format off
+inline constexpr OpenMode open_modes[] = {
+    {"r",   true,  false, false, false, false},
+    {"r+",  true,  true,  false, false, false},
+    {"+",   true,  true,  false, false, false},
+    {"w",   false, true,  false, true,  true},
+    {"w+",  true,  true,  false, true,  true},
+    {"a",   false, true,  true,  false, true},
+    {"a+",  true,  true,  true,  false, true},
+    {"wr",  true,  false, false, false, true},
+    {"wr+", true,  true,  false, false, true},
+    {"rw",  false, true,  false, true,  true},
+};
+// clang-format on
+
 struct StreamModel {
     ModelFile file{};
     // The window.
@@ -163,13 +186,17 @@ struct StreamModel {
         return true;
     }
 
-    // ---- Opening: `writing` is what a "w" or an "a" leaves behind ----
+    // ---- Opening ----
 
-    void open(bool writing, int fmode)
+    void open(const OpenMode& how, const std::string& before, int fmode)
     {
+        file.bytes = how.truncate ? "" : before;
+        file.readable = how.readable;
+        file.writable = how.writable;
+        file.append = how.append;
         size = file.bytes.size();
-        mode = writing && fmode == 0 ? 1 : fmode;
-        if (!writing)
+        mode = how.writing && fmode == 0 ? 1 : fmode;
+        if (!how.writing)
             look_for_mark();
         else if (mode == 2)
             put_mark();
@@ -278,6 +305,26 @@ struct StreamModel {
                 break;
         }
         return true;
+    }
+    // A line of any length into a buffer of the caller's size, 100 for none, that grows by 100.
+    bool get_line(std::string* buffer)
+    {
+        if (buffer->empty())
+            buffer->resize(100);
+        bool any = false;
+        for (std::size_t start = 0;; start = buffer->size() - 101) {
+            std::string part;
+            const bool endless = mode == 0 && pushed.empty(); // NUL after NUL: no line ever
+            if (endless || !fgets(static_cast<int32_t>(buffer->size() - start), &part))
+                return any;
+            any = true;
+            buffer->replace(start, part.size(), part);
+            (*buffer)[start + part.size()] = '\0';
+            buffer->back() = '\0';
+            if (std::strchr(buffer->c_str() + start, '\n') != nullptr)
+                return true;
+            buffer->resize(buffer->size() + 100);
+        }
     }
     bool put_unit(uint32_t unit)
     {
