@@ -167,17 +167,29 @@ class ValueMaker {
     void floating(char type)
     {
         const auto bits = input_.ConsumeIntegral<std::uint64_t>();
+        const int kind = input_.ConsumeIntegralInRange(0, 3);
+        if (modifier_ == "L" && kind == 0)
+            return add(wide_of(bits));
         double value;
         std::memcpy(&value, &bits, sizeof value);
-        if (input_.ConsumeBool())
+        if (kind > 1)
             value = static_cast<double>(static_cast<std::int64_t>(bits) >> (bits & 63)) / 1024;
-        if (modifier_ != "L") {
-            made_.foreign |= !is_exact(type, value);
-            return add(value);
-        }
-        const long double wide = input_.ConsumeBool() ? value : value * 1e300L / 3;
-        made_.foreign |= !is_exact(type, wide);
-        add(wide);
+        made_.foreign |= !is_exact(type, value);
+        if (modifier_ == "L")
+            add(static_cast<long double>(value));
+        else
+            add(value);
+    }
+
+    // Of any sign, exponent and mantissa: some of these are no numbers to the processor.
+    long double wide_of(std::uint64_t mantissa)
+    {
+        made_.foreign = true;
+        const auto head = input_.ConsumeIntegral<std::uint16_t>();
+        long double value = 0;
+        std::memcpy(&value, &mantissa, sizeof mantissa);
+        std::memcpy(reinterpret_cast<char*>(&value) + sizeof mantissa, &head, sizeof head);
+        return value;
     }
 
     // Whether the engine's decimal digits are all there is, so that no rounding can differ.
