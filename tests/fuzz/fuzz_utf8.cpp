@@ -243,6 +243,19 @@ void check_output_string(const Task& task)
 
 // ---- Inputs ----
 
+// A character with more bytes than it needs, of two to four.
+std::string overlong(uint32_t point, unsigned form)
+{
+    const auto tail = [&](unsigned shift) {
+        return static_cast<char>(0x80 | (point >> shift & 0x3F));
+    };
+    if (form == 0)
+        return {static_cast<char>(0xC0 | (point >> 6 & 1)), tail(0)};
+    if (form == 1)
+        return {'\xE0', static_cast<char>(0x80 | (point >> 6 & 0x1F)), tail(0)};
+    return {'\xF0', static_cast<char>(0x80 | (point >> 12 & 0xF)), tail(6), tail(0)};
+}
+
 // A text of pieces next to every limit of the decoder, and of any bytes between them.
 std::string make_text(FuzzedDataProvider& input)
 {
@@ -254,10 +267,8 @@ std::string make_text(FuzzedDataProvider& input)
         const auto kind = input.ConsumeIntegral<uint8_t>();
         if (kind < 0x40)
             text += encoded_utf8(limits[kind % std::size(limits)]);
-        else if (kind < 0x60)
-            text += {'\xC0', static_cast<char>(0x80 | kind)}; // overlong in two bytes
         else if (kind < 0x80)
-            text += {'\xE0', static_cast<char>(0x80 | kind), '\xBF'}; // or in three
+            text += overlong(input.ConsumeIntegralInRange<uint32_t>(0, 0xFFFF), kind % 3);
         else if (kind < 0xA0)
             text += encoded_utf8(input.ConsumeIntegralInRange<uint32_t>(0, 0x1FFFFF));
         else if (kind < 0xC0)
