@@ -181,11 +181,14 @@ class ValueMaker {
             add(value);
     }
 
-    // Of any sign, exponent and mantissa: some of these are no numbers to the processor.
+    // Of any sign, exponent and mantissa: some of these are no numbers to the processor. Those that
+    // a power of ten without all its bits would be needed for come out more exact than the model's.
     long double wide_of(std::uint64_t mantissa)
     {
         made_.foreign = true;
-        const auto head = input_.ConsumeIntegral<std::uint16_t>();
+        auto head = input_.ConsumeIntegral<std::uint16_t>();
+        if ((head & 0x7FFF) < 8)
+            head |= 8;
         long double value = 0;
         std::memcpy(&value, &mantissa, sizeof mantissa);
         std::memcpy(reinterpret_cast<char*>(&value) + sizeof mantissa, &head, sizeof head);
