@@ -19,7 +19,7 @@ namespace psptest {
 class LaidOut {
   public:
     struct alignas(16) Memory {
-        char bytes[2048];
+        char bytes[512];
     };
 
     LaidOut(const std::vector<FormatValue>& values, std::size_t named) : general_used_(named)
