@@ -112,11 +112,13 @@ void psp_errPrint(const char* msg)
 
 ZYN_RETCODE psp_enterCritSec(void)
 {
+    psp_rankEnter(LockRank::critical_section, &globalMutex);
     pthread_mutex_lock(&globalMutex);
     return sOKAY;
 }
 
 void psp_exitCritSec(void)
 {
+    psp_rankLeave(&globalMutex);
     pthread_mutex_unlock(&globalMutex);
 }

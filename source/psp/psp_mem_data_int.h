@@ -7,7 +7,8 @@
 // nothing wraps before the large-block layer refuses it.
 //
 // Locks, outermost first: the tag's mutex, the static list tag's mutex, largeBlockSem. tagTabSem is
-// taken inside a tag's mutex, and nothing inside it.
+// taken inside a tag's mutex, and nothing inside it. No synchronisation object is made or deleted
+// under any of them.
 #pragma once
 
 #include <cstddef>

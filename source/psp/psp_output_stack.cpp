@@ -16,6 +16,7 @@
 #include "psp_atomic.h"
 #include "psp_output_int.h"
 #include "psp_stream_int.h"
+#include "psp_sync_int.h"
 #include "pspint.h"
 
 namespace {
@@ -171,6 +172,7 @@ ZYN_RETCODE psp_fileStackInit(PSP_FILE_STACK* stack, const char* initname, bool*
 {
     clearStack(stack);
     stack->sem = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
+    psp_syncRank(stack->sem, LockRank::output_stack);
     stack->tag = psp_createTagEx(nullptr, 0, STACK_ALLOCATOR, nullptr, nullptr, __FILE__, __LINE__);
     if (initname == nullptr)
         return sOKAY;

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 
+#include "psp_lock_rank.h"
 #include "psptypes.h"
 
 struct PSP_SEM_TABLE;
@@ -27,10 +28,13 @@ struct PSP_SEM_ENTRY {
     union {
         PSP_MUTEX_ENTRY m;
         PSP_EVENT_ENTRY e;
-    } obj;                // the object itself, as type says
-    int16_t type;         // 0 free, PSP_SEM_MUTEX or PSP_SEM_EVENT
-    int16_t avail;        // free: index of the next free entry of the block, or SEM_CHAIN_END;
-                          // allocated: SEM_ALLOCATED
+    } obj;         // the object itself, as type says
+    int16_t type;  // 0 free, PSP_SEM_MUTEX or PSP_SEM_EVENT
+    int16_t avail; // free: index of the next free entry of the block, or SEM_CHAIN_END;
+                   // allocated: SEM_ALLOCATED
+#ifdef PSP_CHECKED
+    LockRank rank; // of a mutex, in what else is a gap
+#endif
     PSP_SEM_TABLE* owner; // the slot whose block holds this entry
 };
 
@@ -52,5 +56,27 @@ static_assert(offsetof(PSP_MUTEX_ENTRY, mutex) == 0 && offsetof(PSP_EVENT_ENTRY,
 static_assert(SEM_BLOCK_ENTRIES - 1 <= INT16_MAX, "an index must fit the chain's links");
 
 extern PSP_SEM_TABLE sem_table[SEM_TABLE_SLOTS]; // at most 131072 objects
-extern pthread_mutex_t semTabMutex;              // guards the chains; always the innermost lock
+extern pthread_mutex_t semTabMutex;              // guards the chains
 extern bool psp_sync_inited;                     // the table is usable; read without a lock
+
+// Tells the watch over the order of locks which of the library's own a new mutex is. The handle may
+// be invalid.
+#ifdef PSP_CHECKED
+inline void psp_syncRank(PSP_SEM sem, LockRank rank)
+{
+    if (sem != PSP_SEM_INVALID)
+        sem->rank = rank;
+}
+
+inline LockRank rank_of(const PSP_SEM_ENTRY& entry)
+{
+    return entry.rank;
+}
+#else
+inline void psp_syncRank(PSP_SEM, LockRank) {}
+
+inline LockRank rank_of(const PSP_SEM_ENTRY&)
+{
+    return LockRank::unranked;
+}
+#endif

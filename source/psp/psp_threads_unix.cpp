@@ -63,6 +63,18 @@ void semAddBlock(PSP_SEM_TABLE& slot)
     slot.avail = 0;
 }
 
+void lockTable()
+{
+    psp_rankEnter(LockRank::sync_table, &semTabMutex);
+    pthread_mutex_lock(&semTabMutex);
+}
+
+void unlockTable()
+{
+    psp_rankLeave(&semTabMutex);
+    pthread_mutex_unlock(&semTabMutex);
+}
+
 // nullptr when all blocks are full.
 PSP_SEM_ENTRY* semTakeFree()
 {
@@ -81,9 +93,9 @@ PSP_SEM_ENTRY* semTakeFree()
 
 PSP_SEM_ENTRY* semGetNewEntry(const char* file, int32_t line)
 {
-    pthread_mutex_lock(&semTabMutex);
+    lockTable();
     PSP_SEM_ENTRY* entry = semTakeFree();
-    pthread_mutex_unlock(&semTabMutex);
+    unlockTable();
     if (entry == nullptr) {
         // A call upward: the log is the only place where the operator can learn the reason.
         psp_log("Insufficient number of semaphores, called from %s:%d\n", file, line);
@@ -108,6 +120,18 @@ void initEvent(PSP_EVENT_ENTRY& e)
     pthread_cond_init(&e.cond, &attr);
     pthread_condattr_destroy(&attr);
     e.flag = 1;
+}
+
+void lockEvent(PSP_EVENT_ENTRY& e)
+{
+    psp_rankEnter(LockRank::event, &e);
+    pthread_mutex_lock(&e.mutex);
+}
+
+void unlockEvent(PSP_EVENT_ENTRY& e)
+{
+    psp_rankLeave(&e);
+    pthread_mutex_unlock(&e.mutex);
 }
 
 void psemDelete(PSP_SEM_ENTRY& entry)
@@ -150,6 +174,7 @@ PSP_SEM psp_syncCreate_check(int16_t type, const char* file, int32_t line)
         return PSP_SEM_INVALID;
     PSP_SEM_ENTRY* entry = semGetNewEntry(file, line);
     entry->type = type;
+    psp_syncRank(entry, LockRank::unranked);
     if (type == PSP_SEM_MUTEX) {
         initMutex(entry->obj.m);
     } else if (type == PSP_SEM_EVENT) {
@@ -169,10 +194,10 @@ void psp_syncDelete(PSP_SEM sem)
     PSP_SEM_TABLE* slot = sem->owner;
     psemDelete(*sem);
     sem->type = 0;
-    pthread_mutex_lock(&semTabMutex);
+    lockTable();
     sem->avail = slot->avail;
     slot->avail = static_cast<int16_t>(sem - slot->entry);
-    pthread_mutex_unlock(&semTabMutex);
+    unlockTable();
 }
 
 // The id is read without the lock. Only the holder can find its own id there, and it alone changes
@@ -191,6 +216,7 @@ void psp_syncDelete(PSP_SEM sem)
         relaxed_store(m.count, relaxed_load(m.count) + 1);
         return sOKAY;
     }
+    psp_rankEnter(rank_of(*sem), sem);
     pthread_mutex_lock(&m.mutex);
     relaxed_store(m.count, 1);
     relaxed_store(m.id, callingThread());
@@ -199,14 +225,17 @@ void psp_syncDelete(PSP_SEM sem)
 
 [[gnu::aligned(64)]] void psp_syncExitExcl(PSP_SEM sem)
 {
-    if (!usable()) [[unlikely]]
+    if (!usable()) [[unlikely]] {
+        psp_rankLeave(sem);
         return;
+    }
     PSP_MUTEX_ENTRY& m = sem->obj.m;
     const int32_t count = relaxed_load(m.count) - 1;
     relaxed_store(m.count, count);
     if (count != 0) [[unlikely]]
         return;
     relaxed_store(m.id, 0);
+    psp_rankLeave(sem);
     pthread_mutex_unlock(&m.mutex);
 }
 
@@ -215,9 +244,9 @@ void psp_syncStart(PSP_SEM sem)
     if (!usable())
         return;
     PSP_EVENT_ENTRY& e = sem->obj.e;
-    pthread_mutex_lock(&e.mutex);
+    lockEvent(e);
     e.flag = 0;
-    pthread_mutex_unlock(&e.mutex);
+    unlockEvent(e);
 }
 
 void psp_syncResume(PSP_SEM sem)
@@ -225,10 +254,10 @@ void psp_syncResume(PSP_SEM sem)
     if (!usable())
         return;
     PSP_EVENT_ENTRY& e = sem->obj.e;
-    pthread_mutex_lock(&e.mutex);
+    lockEvent(e);
     e.flag = 1;
     pthread_cond_broadcast(&e.cond);
-    pthread_mutex_unlock(&e.mutex);
+    unlockEvent(e);
 }
 
 ZYN_RETCODE psp_syncWait(PSP_SEM sem, uint32_t timeout)
@@ -237,14 +266,14 @@ ZYN_RETCODE psp_syncWait(PSP_SEM sem, uint32_t timeout)
         return ePSP_FAILURE;
     PSP_EVENT_ENTRY& e = sem->obj.e;
     ZYN_RETCODE rc = sOKAY;
-    pthread_mutex_lock(&e.mutex);
+    lockEvent(e);
     while (e.flag == 0 && rc != sTIMEOUT) {
         if (timeout == PSP_SYNC_FOREVER)
             pthread_cond_wait(&e.cond, &e.mutex);
         else
             rc = psp_posix_cond_timedwait(&e.cond, &e.mutex, timeout);
     }
-    pthread_mutex_unlock(&e.mutex);
+    unlockEvent(e);
     return rc;
 }
 

@@ -16,6 +16,7 @@
 #include "psp_atomic.h"
 #include "psp_file_int.h"
 #include "psp_file_transfer.h"
+#include "psp_sync_int.h"
 #include "pspint.h"
 #include "pspposix.h"
 
@@ -295,8 +296,10 @@ ZYN_RETCODE psp_fileLock(PSP_FH handle)
 {
     if (handle == nullptr)
         return eINVNULLARG;
-    if (handle->lock == PSP_SEM_INVALID)
+    if (handle->lock == PSP_SEM_INVALID) {
         handle->lock = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
+        psp_syncRank(handle->lock, LockRank::file_handle);
+    }
     if (handle->lock == PSP_SEM_INVALID)
         return ePSP_MUTEX_FAILURE;
     psp_syncEnterExcl(handle->lock);

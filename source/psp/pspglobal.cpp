@@ -13,6 +13,7 @@
 #include "psp/sync.h"
 #include "psp_atomic.h"
 #include "psp_mem_data_int.h"
+#include "psp_sync_int.h"
 #include "pspint.h"
 
 namespace {
@@ -151,6 +152,7 @@ ZYN_RETCODE psp_globalInit()
     psp_globals_max = 0;
     psp_globals_list = nullptr;
     const PSP_SEM sem = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
+    psp_syncRank(sem, LockRank::registry);
     relaxed_store(psp_globals_sem, sem);
     return sem == PSP_SEM_INVALID ? ePSP_MUTEX_FAILURE : sOKAY;
 }

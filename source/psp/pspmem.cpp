@@ -15,6 +15,7 @@
 
 #include "psp/core.h"
 #include "psp_mem_data_int.h"
+#include "psp_sync_int.h"
 #include "pspint.h"
 
 PSP_MEMTAG tagGlobal = nullptr;
@@ -292,6 +293,9 @@ void build_static_list_tag()
 bool create_mutexes()
 {
     PSP_SEM* const sems[] = {&tagGlobal->t_sem, &tagTabSem, &largeBlockSem, &static_list_tag.t_sem};
+    constexpr LockRank ranks[] = {LockRank::tag, LockRank::tag_list, LockRank::large_block,
+                                  LockRank::tag_records};
+    static_assert(std::size(ranks) == std::size(sems));
     PSP_SEM made[std::size(sems)];
     for (PSP_SEM& sem : made)
         sem = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
@@ -299,8 +303,10 @@ bool create_mutexes()
         std::for_each(std::rbegin(made), std::rend(made), psp_syncDelete);
         return false;
     }
-    for (size_t i = 0; i < std::size(sems); ++i)
+    for (size_t i = 0; i < std::size(sems); ++i) {
+        psp_syncRank(made[i], ranks[i]);
         relaxed_store(*sems[i], made[i]);
+    }
     return true;
 }
 
@@ -405,6 +411,7 @@ ZYN_RETCODE psp_createTagEx_rc(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE ty
     tag->t_destroy_ctx = destroy_ctx;
     tag->t_sem =
         flags == WITH_MUTEX ? psp_syncCreate_check(PSP_SEM_MUTEX, file, line) : PSP_SEM_INVALID;
+    psp_syncRank(tag->t_sem, LockRank::tag);
     *ptag = tag;
     append_tag(tag);
     return sOKAY;

@@ -14,6 +14,7 @@
 #include "psp/sync.h"
 #include "psp_atomic.h"
 #include "psp_mem_data_int.h"
+#include "psp_sync_int.h"
 #include "psp_track.h"
 #include "pspint.h"
 
@@ -170,6 +171,7 @@ ZYN_RETCODE psp_poolCreateEx(PSP_MEMTAG tag, PSP_POOL_SIZE_INFO size_info, const
     }
     pool->tag = tag;
     pool->sem = semName ? psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__) : PSP_SEM_INVALID;
+    psp_syncRank(pool->sem, LockRank::pool);
     pool->local_tag = local_tag ? ZYN_TRUE : ZYN_FALSE;
     pool->max_pooled_items = MAX_POOLED_ITEMS;
     pool->size_info = size_info;
