@@ -1,14 +1,14 @@
 // The file layer under many threads: handles opened, used and closed at once, transfers at their
 // own addresses on one handle, and the search for the directory for temporary files.
 #include "support/file_test.h"
+#include "support/scale.h"
+#include "support/threads.h"
 
 #include "psp/tmpdir.h"
 
 #include <atomic>
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <sys/inotify.h>
 
@@ -17,22 +17,12 @@ using namespace psptest;
 namespace {
 
 constexpr int thread_count = 8;
+const int scale = in_long_run(1, 50);
 
-// Runs body(number) in several threads that begin together.
 template <class Body>
 void together(Body body)
 {
-    std::atomic<int> waiting{thread_count};
-    std::vector<std::thread> threads;
-    for (int number = 0; number < thread_count; number++)
-        threads.emplace_back([&, number] {
-            waiting--;
-            while (waiting > 0)
-                std::this_thread::yield();
-            body(number);
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    run_together(thread_count, body);
 }
 
 class FileStress : public PspTest {
@@ -44,7 +34,7 @@ TEST_F(FileStress, ThreadsOpenUseAndCloseTheirOwnHandles)
 {
     together([this](int number) {
         const std::string path = dir_ / ("file" + std::to_string(number));
-        for (int i = 0; i < 300; i++) {
+        for (int i = 0; i < 300 * scale; i++) {
             const std::string text = std::to_string(number) + ":" + std::to_string(i);
             const auto size = static_cast<std::uint32_t>(text.size());
             const Handle handle(path, O_RDWR | O_TRUNC);
@@ -67,7 +57,7 @@ TEST_F(FileStress, ThreadsTransferOnOneHandleAtTheirOwnAddresses)
     ASSERT_NE(handle, nullptr);
     together([&](int number) {
         const auto at = static_cast<PSP_FILE_OFFSET>(number) * part;
-        for (int i = 0; i < 500; i++) {
+        for (int i = 0; i < 500 * scale; i++) {
             char written[part];
             char read[part] = {};
             std::memset(written, number + i, part);
@@ -85,7 +75,7 @@ TEST_F(FileStress, ThreadsCloseWhatOthersOpened)
     write_file(dir_ / "file", "x");
     std::atomic<PSP_FH> slots[4] = {};
     together([&](int number) {
-        for (int i = 0; i < 400; i++) {
+        for (int i = 0; i < 400 * scale; i++) {
             const PSP_FH mine = psp_fileOpen((dir_ / "file").c_str(), O_RDONLY, 0);
             ASSERT_NE(mine, nullptr);
             psp_fileClose(slots[(number + i) % 4].exchange(mine));
@@ -102,7 +92,7 @@ TEST_F(FileStress, OneOfManyHandlesHoldsTheLock)
     std::atomic<int> times_held{0};
     together([&](int) {
         const Handle handle(dir_ / "file");
-        for (int i = 0; i < 300; i++) {
+        for (int i = 0; i < 300 * scale; i++) {
             if (psp_fileLock(handle) != sOKAY)
                 continue;
             ASSERT_EQ(++holders, 1);

@@ -1,6 +1,8 @@
 // Many threads print and log while others push and pop destinations: no line is torn or lost
 // within its destination, every file ends up closed, and nothing is left.
+#include "support/scale.h"
 #include "support/text_test.h"
+#include "support/threads.h"
 
 #include "psp.h"
 
@@ -19,8 +21,8 @@ using namespace psptest;
 
 namespace {
 
-constexpr int writers = 4;
-constexpr int lines = under_tsan ? 150 : 600;
+constexpr int writers = 8;
+const int lines = in_long_run(under_tsan ? 150 : 600, 20000);
 
 class LogStress : public PspTest {};
 
@@ -214,6 +216,49 @@ TEST_F(LogStress, RedirectionsMoveWholeLines)
         EXPECT_FALSE(file_exists(dir / ("OUT" + std::to_string(round))));
     }
     expect_each_once(out, err, log);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+// The log's file is closed, renamed and opened anew, again and again, as a rotation does it. What
+// is logged in between goes to the file below.
+TEST_F(LogStress, ARotationLosesNoLine)
+{
+    const TempDir dir;
+    const std::size_t descriptors = open_descriptors();
+    const std::string current = dir / "log";
+    const auto kept = [&](int round) { return current + "." + std::to_string(round); };
+    ASSERT_EQ(psp_log_openEx(nullptr, (dir / "below").c_str()), sOKAY);
+    ASSERT_EQ(psp_stdout_openEx(nullptr, nullptr), sOKAY);
+    int rounds = 0;
+    std::atomic<int> writing{writers};
+    run_together(writers + 1, [&](int number) {
+        if (number < writers) {
+            for (int line = 0; line < lines; line++) {
+                if (line % 2 == 0)
+                    psp_log("%s\n", line_text('l', number, line).c_str());
+                else
+                    psp_log_with_time("%s\n", line_text('l', number, line).c_str());
+            }
+            writing--;
+            return;
+        }
+        do {
+            ASSERT_EQ(psp_log_openEx(nullptr, current.c_str()), sOKAY);
+            std::this_thread::yield();
+            psp_log_closeEx(nullptr);
+            std::filesystem::rename(current, kept(rounds++));
+        } while (writing > 0);
+    });
+    psp_stdout_closeEx(nullptr);
+    psp_log_closeEx(nullptr);
+    Seen log;
+    log.add(read_file(dir / "below"), true);
+    for (int round = 0; round < rounds; round++)
+        log.add(read_file(kept(round)), true);
+    for (int writer = 0; writer < writers; writer++)
+        for (int line = 0; line < lines; line++)
+            EXPECT_EQ(log.count('l', writer, line), 1);
+    EXPECT_EQ(log.total(), static_cast<std::size_t>(writers) * static_cast<std::size_t>(lines));
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 

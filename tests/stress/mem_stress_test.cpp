@@ -1,6 +1,8 @@
 // Memory tags, the registry and pools under several threads. What is wrong here shows as a
 // pattern overwritten, as bytes in use that do not come back, or under a thread checker.
 #include "support/mem_test.h"
+#include "support/scale.h"
+#include "support/threads.h"
 
 #include "psp/global.h"
 #include "psp/pool.h"
@@ -15,6 +17,7 @@
 #include <functional>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,23 +27,13 @@ using namespace psptest;
 namespace {
 
 constexpr int thread_count = 4;
-constexpr int rounds = under_tsan || under_asan ? 2000 : 20000;
+const int rounds = in_long_run(under_tsan || under_asan ? 2000 : 20000, 500000);
 
 // Runs `body(number)` in threads that start together.
 template <class Body>
 void in_threads(Body body, int count = thread_count)
 {
-    std::atomic<int> waiting{count};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; i++)
-        threads.emplace_back([&waiting, &body, i] {
-            waiting--;
-            while (waiting > 0)
-                std::this_thread::yield();
-            body(i);
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    run_together(count, body);
 }
 
 // Random allocations, resizes and releases under one tag, each block with a pattern of its own.
@@ -89,13 +82,42 @@ class MemRestart : public RawTest {};
 
 TEST_F(MemStress, ThreadsShareASynchronisedTag)
 {
+    const std::size_t before = memory_in_use();
     for (const PSP_ALLOCATOR_TYPE type : {BLOCK_ALLOCATOR, LIST_ALLOCATOR, LEGACY_ALLOCATOR}) {
         PSP_MEMTAG tag = make_tag(type, 1);
         in_threads([tag](int i) { random_work(tag, static_cast<unsigned>(i) + 1, rounds); });
         // A list tag counts unevenly: blocks taken whole leave more than they brought.
         EXPECT_TRUE(type == LIST_ALLOCATOR || info_of(tag).used.current == 0);
         destroy_tag(tag);
+        EXPECT_EQ(memory_in_use(), before);
     }
+}
+
+// A stack tag counts all that was ever taken, also what was released or emptied.
+TEST_F(MemStress, ThreadsShareASynchronisedStackTag)
+{
+    const std::size_t before = memory_in_use();
+    PSP_MEMTAG tag = make_tag(STACK_ALLOCATOR, 1);
+    std::atomic<std::size_t> taken{0};
+    for (int lap = 0; lap < 5; lap++) {
+        in_threads([tag, &taken](int i) {
+            std::mt19937 random(static_cast<unsigned>(i));
+            std::vector<std::pair<void*, std::size_t>> blocks;
+            for (int step = 0; step < rounds / 10; step++) {
+                const std::size_t size = 8 * (1 + random() % 40);
+                blocks.emplace_back(get(size, tag), size);
+                std::memset(blocks.back().first, step + i, size);
+                taken += size;
+            }
+            for (std::size_t step = 0; step < blocks.size(); step++)
+                ASSERT_TRUE(holds(blocks[step].first, blocks[step].second,
+                                  (static_cast<int>(step) + i) & 255));
+        });
+        EXPECT_EQ(info_of(tag).used.current, taken);
+        empty_tag(tag);
+    }
+    destroy_tag(tag);
+    EXPECT_EQ(memory_in_use(), before);
 }
 
 TEST_F(MemStress, ThreadsShareTheGlobalTag)
@@ -197,20 +219,62 @@ ZYN_RETCODE count_creation(void* block)
 
 TEST_F(MemStress, ANamedGlobalIsMadeOnceForAllThreads)
 {
-    constexpr int names = 50;
-    void* blocks[thread_count][names] = {};
-    in_threads([&blocks](int i) {
-        for (int k = 0; k < names; k++) {
-            const std::string name = "global" + std::to_string((k * 7 + i) % names);
-            void*& block = blocks[i][(k * 7 + i) % names];
+    constexpr int users = 8;
+    const int names = in_long_run(60, 3000);
+    std::vector<void*> blocks[users];
+    run_together(users, [&](int user) {
+        blocks[user].resize(static_cast<std::size_t>(names));
+        for (int i = 0; i < names; i++) {
+            const int k = (i + user % 2) % names; // half of them one name ahead
+            const std::string name = "global" + std::to_string(k * 7 % names);
+            void*& block = blocks[user][static_cast<std::size_t>(k)];
             ASSERT_EQ(psp_globalGet(name.c_str(), 64, count_creation, nullptr, &block), sOKAY);
         }
     });
-    for (int k = 0; k < names; k++) {
+    for (std::size_t k = 0; k < blocks[0].size(); k++) {
         EXPECT_EQ(*static_cast<int*>(blocks[0][k]), 1);
-        for (int i = 1; i < thread_count; i++)
-            EXPECT_EQ(blocks[i][k], blocks[0][k]);
+        for (int user = 1; user < users; user++)
+            EXPECT_EQ(blocks[user][k], blocks[0][k]);
     }
+    EXPECT_EQ(std::set<void*>(blocks[0].begin(), blocks[0].end()).size(), blocks[0].size());
+}
+
+// The registry's mutex guards the callbacks, so the count needs no lock of its own.
+int attempts = 0;
+
+// Accepts every third block, whoever asks.
+ZYN_RETCODE refuse_twice(void* block)
+{
+    EXPECT_TRUE(holds(block, 16, 0)) << "a refused block must not come back as it was";
+    std::memset(block, 1, 16);
+    return attempts++ % 3 == 2 ? sOKAY : ePSP_FAILURE;
+}
+
+TEST_F(MemStress, ARefusedGlobalIsTriedAnewUntilItIsMadeOnce)
+{
+    constexpr int users = 8;
+    const int names = in_long_run(40, 2000);
+    std::vector<std::atomic<int>> made(static_cast<std::size_t>(names));
+    std::vector<std::atomic<void*>> blocks(static_cast<std::size_t>(names));
+    std::atomic<int> failures{0};
+    run_together(users, [&](int) {
+        for (int k = 0; k < names; k++) {
+            const std::string name = "refused" + std::to_string(k);
+            const auto at = static_cast<std::size_t>(k);
+            void* block = nullptr;
+            while (psp_globalGet(name.c_str(), 16, refuse_twice, nullptr, &block) != sOKAY)
+                failures++;
+            made[at]++;
+            void* first = nullptr;
+            if (!blocks[at].compare_exchange_strong(first, block)) {
+                ASSERT_EQ(first, block);
+            }
+        }
+    });
+    EXPECT_EQ(attempts, 3 * names);
+    EXPECT_EQ(failures, 2 * names);
+    for (const std::atomic<int>& count : made)
+        EXPECT_EQ(count, users);
 }
 
 // The pool's mutex guards the callbacks too.
@@ -229,6 +293,7 @@ void destruct(PSP_POOL_USERDATA, const void*)
 
 TEST_F(MemStress, ThreadsShareAPool)
 {
+    const std::size_t before = info_of(PSP_GLOBAL_TAG).used.current;
     PSP_POOL pool = nullptr;
     ASSERT_EQ(psp_poolCreateEx(PSP_GLOBAL_TAG, PSP_POOL_VAR_SIZE, "lock", construct, destruct,
                                nullptr, &pool),
@@ -246,8 +311,10 @@ TEST_F(MemStress, ThreadsShareAPool)
             psp_poolPut(pool, object);
         }
     });
+    EXPECT_LE(constructions, 3) << "what is idle, and no more";
     psp_poolDestroy(pool);
     EXPECT_EQ(constructions, 0);
+    EXPECT_EQ(info_of(PSP_GLOBAL_TAG).used.current, before);
 }
 
 // A thread that does one step at a time, when told.

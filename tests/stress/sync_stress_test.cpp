@@ -1,13 +1,17 @@
 // Synchronisation objects, threads and the library's start under many threads at once. Shared data
 // is plain wherever a lock of the library should guard it, so that the thread sanitizer sees a gap.
-#include "support/psp_test.h"
+#include "support/mem_test.h"
+#include "support/scale.h"
+#include "support/threads.h"
 
 #include "psp/sync.h"
 #include "psp/thread.h"
 #include "psp_sync_int.h"
 
 #include <atomic>
+#include <cstring>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -16,10 +20,11 @@ using namespace psptest;
 namespace {
 
 constexpr int thread_count = 4;
-constexpr int rounds = under_tsan ? 2000 : 10000;
+const int rounds = in_long_run(under_tsan ? 10000 : 100000, 2000000);
 
 class SyncStress : public PspTest {};
 class StartStress : public RawTest {};
+class GrowthStress : public RawTest {};
 
 PSP_SEM make(int type)
 {
@@ -63,6 +68,30 @@ bool is_mine(PSP_SEM sem)
     return alone && sem->obj.m.count == 0;
 }
 
+std::size_t blocks_in_use()
+{
+    std::size_t blocks = 0;
+    for (const PSP_SEM_TABLE& slot : sem_table)
+        blocks += slot.entry != nullptr;
+    return blocks;
+}
+
+std::size_t count_free()
+{
+    std::size_t free = 0;
+    for (const PSP_SEM_TABLE& slot : sem_table) {
+        if (slot.entry == nullptr)
+            continue;
+        std::size_t chain = 0;
+        for (int at = slot.avail; at != SEM_CHAIN_END && chain <= SEM_BLOCK_ENTRIES;
+             at = slot.entry[at].avail)
+            chain++;
+        EXPECT_LE(chain, SEM_BLOCK_ENTRIES);
+        free += chain;
+    }
+    return free;
+}
+
 TEST_F(SyncStress, HandlesBelongToOneOwnerAtATime)
 {
     std::atomic<int> clashes{0};
@@ -90,20 +119,6 @@ TEST_F(SyncStress, HandlesBelongToOneOwnerAtATime)
 
 TEST_F(SyncStress, NoFreeEntryIsLostOrDoubled)
 {
-    const auto count_free = [] {
-        std::size_t free = 0;
-        for (const PSP_SEM_TABLE& slot : sem_table) {
-            if (slot.entry == nullptr)
-                continue;
-            std::size_t chain = 0;
-            for (int at = slot.avail; at != SEM_CHAIN_END && chain <= SEM_BLOCK_ENTRIES;
-                 at = slot.entry[at].avail)
-                chain++;
-            EXPECT_LE(chain, SEM_BLOCK_ENTRIES);
-            free += chain;
-        }
-        return free;
-    };
     const std::size_t before = count_free();
     in_threads([&](int number) {
         for (int i = 0; i < rounds; i++) {
@@ -145,10 +160,40 @@ TEST_F(SyncStress, RecursiveMutexesGuardPlainData)
     }
 }
 
+TEST_F(SyncStress, AMutexGoesFromThreadToThread)
+{
+    // Each waits for its turn under the mutex, and what it finds there was left by the one before.
+    const int laps = in_long_run(300, 20000);
+    const PSP_SEM sem = make(PSP_SEM_MUTEX);
+    int turn = 0;
+    std::vector<int> trace;
+    in_threads([&](int number) {
+        for (int lap = 0; lap < laps;) {
+            psp_syncEnterExcl(sem);
+            psp_syncEnterExcl(sem);
+            const bool mine = turn % thread_count == number;
+            if (mine) {
+                trace.push_back(turn);
+                turn++;
+                lap++;
+            }
+            psp_syncExitExcl(sem);
+            psp_syncExitExcl(sem);
+            if (!mine)
+                std::this_thread::yield();
+        }
+    });
+    ASSERT_EQ(trace.size(), static_cast<std::size_t>(laps) * thread_count);
+    for (std::size_t i = 0; i < trace.size(); i++)
+        ASSERT_EQ(trace[i], static_cast<int>(i));
+    EXPECT_EQ(sem->obj.m.count, 0);
+    psp_syncDelete(sem);
+}
+
 TEST_F(SyncStress, EventsLoseNoSignal)
 {
     // A ring: each thread waits for its own event and signals the next one.
-    constexpr int laps = rounds / 10;
+    const int laps = rounds / 50;
     PSP_SEM events[thread_count];
     long plain = 0;
     for (PSP_SEM& event : events) {
@@ -173,7 +218,7 @@ TEST_F(SyncStress, EventsLoseNoSignal)
 
 TEST_F(SyncStress, OneSignalReleasesAllWaitersEveryTime)
 {
-    constexpr int laps = 50;
+    const int laps = in_long_run(50, 1000);
     const PSP_SEM go = make(PSP_SEM_EVENT);
     std::uint32_t arrived = 0;
     for (int lap = 0; lap < laps; lap++) {
@@ -190,13 +235,57 @@ TEST_F(SyncStress, OneSignalReleasesAllWaitersEveryTime)
     psp_syncDelete(go);
 }
 
+// The table grows by blocks of the global tag while others use that tag and make tags with mutexes.
+TEST_F(GrowthStress, TheTableGrowsWhileTheGlobalTagIsInUse)
+{
+    constexpr std::size_t objects = 700; // of one maker; four need more than two blocks
+    for (int session = 0; session < in_long_run(5, 200); session++) {
+        ASSERT_EQ(psp_init(), sOKAY);
+        const std::size_t free = count_free();
+        const std::size_t used = info_of(PSP_GLOBAL_TAG).used.current;
+        std::vector<PSP_SEM> made[4];
+        run_together(8, [&](int number) {
+            if (number < 4) {
+                for (std::size_t i = 0; i < objects; i++)
+                    made[number].push_back(make(PSP_SEM_MUTEX));
+                return;
+            }
+            for (int i = 0; i < 300; i++) {
+                void* const block = get(200, PSP_GLOBAL_TAG, PSP_MEM_ZERO);
+                const PSP_MEMTAG tag = make_tag(BLOCK_ALLOCATOR, 1);
+                std::memset(block, number, 200);
+                ASSERT_NE(get(100, tag), nullptr);
+                destroy_tag(tag);
+                ASSERT_TRUE(holds(block, 200, number));
+                release(block, PSP_GLOBAL_TAG);
+            }
+        });
+        const std::size_t grown = blocks_in_use() - 1;
+        EXPECT_GE(grown, 2u);
+        EXPECT_EQ(info_of(PSP_GLOBAL_TAG).used.current,
+                  used + grown * SEM_BLOCK_ENTRIES * sizeof(PSP_SEM_ENTRY));
+        EXPECT_EQ(count_free(), free + grown * SEM_BLOCK_ENTRIES - 4 * objects);
+        std::set<PSP_SEM> distinct;
+        for (const std::vector<PSP_SEM>& own : made)
+            distinct.insert(own.begin(), own.end());
+        EXPECT_EQ(distinct.size(), 4 * objects);
+        run_together(4, [&](int number) {
+            for (const PSP_SEM sem : made[number])
+                psp_syncDelete(sem);
+        });
+        EXPECT_EQ(count_free(), free + grown * SEM_BLOCK_ENTRIES);
+        psp_term();
+        EXPECT_EQ(memory_in_use(), 0u);
+    }
+}
+
 TEST_F(StartStress, EveryUserFindsARunningLibrary)
 {
     std::vector<std::thread> users;
     std::atomic<int> failures{0};
     for (int user = 0; user < thread_count; user++) {
         users.emplace_back([&, user] {
-            for (int i = 0; i < rounds / 20; i++) {
+            for (int i = 0; i < rounds / 50; i++) {
                 if (psp_init() != sOKAY)
                     failures++;
                 if (psp_init() != sOKAY)
