@@ -211,8 +211,10 @@ TEST_F(MemStress, StatisticsCanBeReadWhileOthersWork)
     destroy_tag(tag);
 }
 
+// Callbacks run under a lock of the library. They give the others a chance to break in.
 ZYN_RETCODE count_creation(void* block)
 {
+    std::this_thread::yield();
     ++*static_cast<int*>(block);
     return sOKAY;
 }
@@ -229,6 +231,7 @@ TEST_F(MemStress, ANamedGlobalIsMadeOnceForAllThreads)
             const std::string name = "global" + std::to_string(k * 7 % names);
             void*& block = blocks[user][static_cast<std::size_t>(k)];
             ASSERT_EQ(psp_globalGet(name.c_str(), 64, count_creation, nullptr, &block), sOKAY);
+            ASSERT_EQ(*static_cast<int*>(block), 1) << "ready when anybody gets it";
         }
     });
     for (std::size_t k = 0; k < blocks[0].size(); k++) {
@@ -247,6 +250,7 @@ ZYN_RETCODE refuse_twice(void* block)
 {
     EXPECT_TRUE(holds(block, 16, 0)) << "a refused block must not come back as it was";
     std::memset(block, 1, 16);
+    std::this_thread::yield();
     return attempts++ % 3 == 2 ? sOKAY : ePSP_FAILURE;
 }
 
@@ -264,6 +268,7 @@ TEST_F(MemStress, ARefusedGlobalIsTriedAnewUntilItIsMadeOnce)
             void* block = nullptr;
             while (psp_globalGet(name.c_str(), 16, refuse_twice, nullptr, &block) != sOKAY)
                 failures++;
+            ASSERT_TRUE(holds(block, 16, 1));
             made[at]++;
             void* first = nullptr;
             if (!blocks[at].compare_exchange_strong(first, block)) {
@@ -282,13 +287,17 @@ int constructions = 0;
 
 void construct(PSP_POOL_USERDATA, void* object)
 {
-    constructions++;
+    const int before = constructions;
     std::memset(object, 0, 32);
+    std::this_thread::yield();
+    constructions = before + 1;
 }
 
 void destruct(PSP_POOL_USERDATA, const void*)
 {
-    constructions--;
+    const int before = constructions;
+    std::this_thread::yield();
+    constructions = before - 1;
 }
 
 TEST_F(MemStress, ThreadsShareAPool)
