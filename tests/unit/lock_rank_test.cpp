@@ -302,6 +302,37 @@ TEST_F(LockRanks, EndTheProcessWhenTheLibrarysLocksAreTakenAgainstTheOrder)
     destroy_tag(tag);
 }
 
+// Nothing of a test runs while these are held, so the test only says that it holds one.
+TEST_F(LockRanks, WatchTheLocksThatAreHeldForAMomentOnly)
+{
+    const int lock = 0;
+    const PSP_SEM event = psp_syncCreate_check(PSP_SEM_EVENT, __FILE__, __LINE__);
+    const std::function<void()> on_event[] = {[event] { psp_syncStart(event); },
+                                              [event] { psp_syncResume(event); },
+                                              [event] { psp_syncWait(event, 0); }};
+    for (const auto& operation : on_event)
+        expect_broken("an event", "an event", [&] {
+            psp_rankEnter(LockRank::event, &lock);
+            operation();
+        });
+    const std::function<void()> on_table[] = {[] { make_mutex(); },
+                                              [event] { psp_syncDelete(event); }};
+    for (const auto& operation : on_table)
+        expect_broken("the table of synchronisation objects",
+                      "the table of synchronisation objects", [&] {
+                          psp_rankEnter(LockRank::sync_table, &lock);
+                          operation();
+                      });
+    for (const auto& operation : on_event) {
+        operation();
+        EXPECT_EQ(psp_ranksHeld(), 0);
+    }
+    for (const auto& operation : on_table) {
+        operation();
+        EXPECT_EQ(psp_ranksHeld(), 0);
+    }
+}
+
 // From the outermost lock to the innermost, as callbacks and the library's own calls nest them.
 TEST_F(LockRanks, LetTheWholeOrderPass)
 {
