@@ -48,7 +48,7 @@ void remove_global(void* block)
 // Few users make many sessions, many users make few that change hands often.
 TEST_F(RestartStress, EverySessionMakesAndRemovesItsGlobalOnce)
 {
-    const int rounds = in_long_run(under_tsan ? 200 : 2000, 50000);
+    const int rounds = in_long_run(under_tsan || under_asan ? 200 : 2000, 50000);
     std::atomic<int> uses{0};
     for (const int crowd : {2, 3, users})
         run_together(crowd, [&](int number) {
