@@ -1,6 +1,6 @@
 // Start and stop from many threads at once, and what lives from one start to the stop: named
-// globals, the tags of threads, destinations of the log. Each session must begin and end clean,
-// whichever thread happens to be the first one in or the last one out.
+// globals, the tags of threads, destinations of the log. Each run of the library must begin and end
+// clean, whichever thread happens to be the first one in or the last one out.
 #include "support/mem_test.h"
 #include "support/scale.h"
 #include "support/threads.h"
@@ -24,7 +24,7 @@ constexpr int users = 8;
 
 class RestartStress : public RawTest {};
 
-// Plain: the library's own locks keep a session's creation and removal apart from the others'.
+// Plain: the library's own locks keep a run's creation and removal apart from the others'.
 int live_globals = 0;
 int globals_made = 0;
 int globals_removed = 0;
@@ -33,7 +33,7 @@ ZYN_RETCODE make_global(void* block)
 {
     EXPECT_TRUE(holds(block, 64, 0));
     std::memset(block, 7, 64);
-    EXPECT_EQ(++live_globals, 1) << "a second one in one session";
+    EXPECT_EQ(++live_globals, 1) << "a second one in one run";
     globals_made++;
     return sOKAY;
 }
@@ -45,8 +45,8 @@ void remove_global(void* block)
     globals_removed++;
 }
 
-// Few users make many sessions, many users make few that change hands often.
-TEST_F(RestartStress, EverySessionMakesAndRemovesItsGlobalOnce)
+// Few users make many runs, many users make few that change hands often.
+TEST_F(RestartStress, EveryRunMakesAndRemovesItsGlobalOnce)
 {
     const int rounds = in_long_run(under_tsan || under_asan ? 200 : 2000, 50000);
     std::atomic<int> uses{0};
@@ -105,7 +105,7 @@ TEST_F(RestartStress, ThreadsMayEndBeforeTheirTags)
 {
     static constexpr std::size_t size = 3000;
     const int generations = in_long_run(10, 500);
-    for (int session = 0; session < 3; session++) {
+    for (int run = 0; run < 3; run++) {
         ASSERT_EQ(psp_init(), sOKAY);
         const std::size_t tags = tags_in_list();
         std::set<void*> blocks;
@@ -133,12 +133,12 @@ TEST_F(RestartStress, ThreadsMayEndBeforeTheirTags)
 
 TEST_F(RestartStress, LivingThreadsGetNewTagsAfterEveryStart)
 {
-    const int sessions = in_long_run(20, 1000);
+    const int runs = in_long_run(20, 1000);
     std::barrier meet(users);
     run_together(users, [&](int number) {
-        for (int session = 0; session < sessions; session++) {
+        for (int run = 0; run < runs; run++) {
             // Another thread starts each time, and another one stops.
-            if (number == session % users) {
+            if (number == run % users) {
                 ASSERT_EQ(psp_init(), sOKAY);
             }
             meet.arrive_and_wait();
@@ -150,7 +150,7 @@ TEST_F(RestartStress, LivingThreadsGetNewTagsAfterEveryStart)
             EXPECT_TRUE(holds(block, 500, number));
             EXPECT_EQ(info_of(PSP_THREAD_TAG).used.current, 500u);
             meet.arrive_and_wait();
-            if (number == (session + 3) % users) {
+            if (number == (run + 3) % users) {
                 psp_term();
                 EXPECT_EQ(memory_in_use(), 0u);
             }
@@ -161,13 +161,13 @@ TEST_F(RestartStress, LivingThreadsGetNewTagsAfterEveryStart)
     });
 }
 
-TEST_F(RestartStress, EverySessionHasAnOutputOfItsOwn)
+TEST_F(RestartStress, EveryRunHasAnOutputOfItsOwn)
 {
-    const int sessions = in_long_run(under_tsan ? 50 : 200, 5000);
+    const int runs = in_long_run(under_tsan ? 50 : 200, 5000);
     const TempDir dir;
     const std::size_t descriptors = open_descriptors();
     run_together(users, [&](int number) {
-        for (int i = 0; i < sessions; i++) {
+        for (int i = 0; i < runs; i++) {
             ASSERT_EQ(psp_init(), sOKAY);
             PSP_LOG_CTX ctx;
             const std::string name = dir / ("log" + std::to_string(number));

@@ -239,7 +239,7 @@ TEST_F(SyncStress, OneSignalReleasesAllWaitersEveryTime)
 TEST_F(GrowthStress, TheTableGrowsWhileTheGlobalTagIsInUse)
 {
     constexpr std::size_t objects = 700; // of one maker; four need more than two blocks
-    for (int session = 0; session < in_long_run(5, 200); session++) {
+    for (int run = 0; run < in_long_run(5, 200); run++) {
         ASSERT_EQ(psp_init(), sOKAY);
         const std::size_t free = count_free();
         const std::size_t used = info_of(PSP_GLOBAL_TAG).used.current;
