@@ -30,7 +30,7 @@ enum ExitCode { exit_ok = 0, exit_failed = 1, exit_usage = 2 };
 constexpr const char* default_file = "/usr/share/unicode/UnicodeData.txt";
 
 constexpr const char* usage =
-    "usage: sqlengine [--log FILE] [--wait MS] [--figures] DB\n"
+    "usage: sqlengine [--log FILE] [--wait MS] [--figures] [--go-on] DB\n"
     "       sqlengine --demo DIR [UNICODEDATA]\n"
     "\n"
     "A SQL shell on SQLite, which runs on libzynpsp-14 as its whole platform. Statements\n"
@@ -39,6 +39,7 @@ constexpr const char* usage =
     "  DB             the database file; made if it does not exist\n"
     "  --log FILE     write SQLite's errors and notices to FILE, with the time\n"
     "  --wait MS      wait up to MS milliseconds for another process's lock (5000)\n"
+    "  --go-on        do not stop a script at an error; the exit status still tells of it\n"
     "  --figures      at the end print what the engine asked of the platform\n"
     "  --demo DIR     import the Unicode character table into DIR/unicode.db, query\n"
     "                 and check it; the log is DIR/sqlengine.log. UNICODEDATA is\n"
@@ -54,7 +55,7 @@ struct Options {
     const char* demo_directory;
     const char* demo_file;
     uint32_t wait;
-    bool figures, help, version;
+    bool figures, go_on, help, version;
 };
 
 // Takes the value of an option, the next argument; NULL when there is none.
@@ -88,10 +89,13 @@ bool parse_argument(Options& options, char** argv, int* at)
         return value != nullptr && strspn(value, "0123456789") == strlen(value) &&
                psp_atoui32(value, &options.wait) == sOKAY;
     }
-    options.figures = options.figures || strcmp(argument, "--figures") == 0;
-    options.help = options.help || strcmp(argument, "--help") == 0;
-    options.version = options.version || strcmp(argument, "--version") == 0;
-    return strcmp(argument, "--figures") == 0 || options.help || options.version;
+    if (strcmp(argument, "--figures") == 0)
+        return options.figures = true;
+    if (strcmp(argument, "--go-on") == 0)
+        return options.go_on = true;
+    options.help = strcmp(argument, "--help") == 0;
+    options.version = strcmp(argument, "--version") == 0;
+    return options.help || options.version;
 }
 
 bool parse(Options& options, int argc, char** argv)
@@ -103,7 +107,8 @@ bool parse(Options& options, int argc, char** argv)
             return true;
     }
     if (options.demo_directory != nullptr)
-        return options.database == nullptr && options.log == nullptr && !options.figures;
+        return options.database == nullptr && options.log == nullptr && !options.figures &&
+               !options.go_on;
     return options.database != nullptr && options.database[0] != 0;
 }
 
@@ -121,7 +126,7 @@ int run_shell(const Options& options)
     bool done = false;
     if (sql::platform_start(options.log)) {
         sqlite3* db = sql::database_open(options.database, options.wait);
-        done = db != nullptr && sql::shell_run(db);
+        done = db != nullptr && sql::shell_run(db, options.go_on);
         if (options.figures)
             sql::print_figures(db);
         sql::database_close(db);

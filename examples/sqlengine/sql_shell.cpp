@@ -5,7 +5,9 @@
 // statement finished: outside a transaction, and for COMMIT, it says that the change is durable.
 //
 // A script stops at its first error, because what follows was written in the belief that it
-// worked; the open transaction is rolled back. An input that ends inside a statement is refused
+// worked; the open transaction is rolled back. It may ask to go on instead, as a person at a
+// terminal does: then what follows on the line is left out, and a transaction stays open unless
+// SQLite had to roll it back. An input that ends inside a statement is refused
 // rather than run: a cut-off condition may mean something else than the whole.
 
 #include "sql_shell.h"
@@ -260,7 +262,7 @@ void finish(Shell& shell)
 
 } // namespace
 
-bool shell_run(sqlite3* db)
+bool shell_run(sqlite3* db, bool go_on)
 {
     Shell shell = {};
     shell.db = db;
@@ -274,7 +276,7 @@ bool shell_run(sqlite3* db)
     while (!shell.ended && read_line(shell)) {
         run_if_complete(shell);
         ever_failed = ever_failed || shell.failed;
-        if (shell.failed && !shell.terminal)
+        if (shell.failed && !shell.terminal && !go_on)
             break;
         if (shell.failed)
             clear_statement(shell);

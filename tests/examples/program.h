@@ -57,7 +57,7 @@ class Program {
 
     // With an input that the test feeds through say().
     Program(std::string path, const TempDir& dir, const std::string& tag,
-            std::vector<std::string> arguments)
+            std::vector<std::string> arguments, const Setup& setup = {})
         : path_(std::move(path)), out_(dir / (tag + ".out")), err_(dir / (tag + ".err"))
     {
         int ends[2];
@@ -66,7 +66,7 @@ class Program {
             return;
         }
         feed_ = ends[1];
-        start(std::move(arguments), ends[0], {});
+        start(std::move(arguments), ends[0], setup);
     }
 
     ~Program()
@@ -99,6 +99,12 @@ class Program {
     std::string output() const
     {
         return read_file(out_);
+    }
+
+    // -1 once its end was waited for.
+    pid_t pid() const
+    {
+        return pid_;
     }
 
     void kill_now()

@@ -3,6 +3,7 @@
 // the transactions that were acknowledged, whole, and at most the one that was under way.
 
 #include "sqlengine_process.h"
+#include "support/scale.h"
 
 #include <algorithm>
 #include <chrono>
@@ -18,7 +19,6 @@ using sqltest::query_column;
 using sqltest::query_value;
 using sqltest::run_engine;
 
-constexpr int kills = 60;
 constexpr int transactions_a_run = 400; // more than a run ever gets to
 constexpr int rows_a_transaction = 3;
 
@@ -101,6 +101,7 @@ int run_and_kill(const TempDir& dir, const std::string& db, int first, std::mt19
 
 TEST(SqlKill, AcknowledgedTransactionsSurviveAndOthersLeaveNoTrace)
 {
+    const int kills = psptest::in_long_run(20, 200);
     TempDir dir;
     const std::string db = dir / "a.db";
     const std::string log = dir / "recovery.log";

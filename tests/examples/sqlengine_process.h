@@ -27,8 +27,9 @@ class Engine : public psptest::Program {
     }
 
     // With an input that the test feeds through say().
-    Engine(const psptest::TempDir& dir, const std::string& tag, std::vector<std::string> arguments)
-        : Program(SQLENGINE_PATH, dir, tag, std::move(arguments))
+    Engine(const psptest::TempDir& dir, const std::string& tag, std::vector<std::string> arguments,
+           const Setup& setup = {})
+        : Program(SQLENGINE_PATH, dir, tag, std::move(arguments), setup)
     {
     }
 };

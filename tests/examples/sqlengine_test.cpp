@@ -2,19 +2,18 @@
 // with files and locks, and the demonstration.
 
 #include "psp/scan.h"
+#include "shortage.h"
 #include "sqlengine_process.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <linux/capability.h>
-#include <sched.h>
 
 namespace {
 
@@ -44,9 +43,6 @@ std::string read_to_end(int master)
     close(master);
     return shown;
 }
-
-// The environment refused what a test needs: child status of run_in_child.
-constexpr int not_permitted = 77;
 
 // ---- The shell ----
 
@@ -114,6 +110,20 @@ TEST(SqlShell, ScriptStopsAtTheFirstErrorWithItsLine)
     EXPECT_EQ(result.out, "ok\nok, 1 row\n");
     EXPECT_EQ(result.err, "sqlengine: line 4: near \"SELEC\": syntax error\n");
     EXPECT_EQ(query_value(dir, dir / "a.db", "SELECT count(*) FROM t"), "1");
+}
+
+TEST(SqlShell, ScriptGoesOnAfterAnErrorWhenAskedTo)
+{
+    TempDir dir;
+    const Result result = run_engine(dir, {"--go-on", dir / "a.db"},
+                                     "CREATE TABLE t(a UNIQUE);\nBEGIN;\n"
+                                     "INSERT INTO t VALUES(1);\n"
+                                     "INSERT INTO t VALUES(1); INSERT INTO t VALUES(2);\n"
+                                     "INSERT INTO t VALUES(3);\nCOMMIT;\n");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "ok\nok\nok, 1 row\nok, 1 row\nok\n");
+    EXPECT_EQ(result.err, "sqlengine: line 4: UNIQUE constraint failed: t.a\n");
+    EXPECT_EQ(query_value(dir, dir / "a.db", "SELECT group_concat(a) FROM t"), "1,3");
 }
 
 TEST(SqlShell, RunTimeErrorsAreErrorsToo)
@@ -349,7 +359,7 @@ TEST(SqlFiles, FileSizeLimitRollsBackAndKeepsWhatWasCommitted)
     const std::string db = dir / "a.db";
     const auto limit = [] {
         const rlimit small = {200 * 1024, 200 * 1024};
-        return std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &small) == 0;
+        return psptest::survive_size_limit() && setrlimit(RLIMIT_FSIZE, &small) == 0;
     };
     expect_full_but_sound(dir, db, run_engine(dir, {db}, fill_forever, limit));
 }
@@ -358,16 +368,11 @@ TEST(SqlFiles, FullDiskRollsBackAndKeepsWhatWasCommitted)
 {
     TempDir dir;
     TempDir disk;
-    const int status = psptest::run_in_child([&] {
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
-            mount("small", disk.c_str(), "tmpfs", 0, "size=256k") != 0)
-            return not_permitted;
+    const int status = psptest::on_small_disk(disk, 256 * 1024, [&] {
         const std::string db = disk / "a.db";
         expect_full_but_sound(dir, db, run_engine(dir, {db}, fill_forever));
-        return 0;
     });
-    if (status == not_permitted)
+    if (status == psptest::not_permitted)
         GTEST_SKIP() << "a small disk cannot be mounted here";
     EXPECT_EQ(status, 0);
 }
