@@ -65,22 +65,31 @@ class Dialog {
         answers_.leave();
     }
 
-    // Hands over whole lines and gives the answer to all of them. A question must be shorter than
-    // what a pipe holds.
-    std::string ask(const std::string& lines)
+    // Hands over whole lines, which must be shorter than what a pipe holds.
+    void tell(const std::string& lines)
     {
-        const std::string mark = "mark " + std::to_string(++marks_);
-        engine_.say(lines + "\nSELECT '" + mark + "' AS mark;\n");
+        engine_.say(lines + "\nSELECT 'mark " + std::to_string(++marks_) + "' AS mark;\n");
+    }
+
+    // Waits for the answer to all of what was told last.
+    std::string hear()
+    {
         std::string answer;
-        const std::string end = mark + "\n(1 row)\n";
+        const std::string end = "mark " + std::to_string(marks_) + "\n(1 row)\n";
         while (!ends_with(answer, end)) {
             if (!answers_.read_more(answer)) {
-                ADD_FAILURE() << "no answer to " << lines << ", only " << answer;
+                ADD_FAILURE() << "no answer, only " << answer;
                 return answer;
             }
         }
         const std::size_t table = answer.rfind("mark", answer.size() - end.size() - 1);
         return answer.substr(0, answer.rfind('\n', table) + 1);
+    }
+
+    std::string ask(const std::string& lines)
+    {
+        tell(lines);
+        return hear();
     }
 
     // The one value that a query gives; what was answered when that is not one row.
