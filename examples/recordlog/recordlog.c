@@ -179,6 +179,16 @@ static ZYN_RETCODE append_line(context* self, segment_writer* writer, const char
     return rc;
 }
 
+/* Says that records were appended once they are durable, and not when that failed. */
+static ZYN_RETCODE acknowledge(const context* self, segment_writer* writer)
+{
+    const ZYN_RETCODE rc = segment_writer_sync(writer);
+    if (rc == sOKAY)
+        psp_printf("appended %llu records up to number %llu\n", (unsigned long long)self->records,
+                   (unsigned long long)self->last);
+    return rc;
+}
+
 static ZYN_RETCODE append_lines(context* self, segment_writer* writer)
 {
     char* line = NULL;
@@ -192,8 +202,8 @@ static ZYN_RETCODE append_lines(context* self, segment_writer* writer)
     psp_fclose(input);
     psp_freeMem(line, self->tag, __FILE__, __LINE__);
     /* Also after a failure: what was appended before it is to be kept. */
-    const ZYN_RETCODE sync = segment_writer_sync(writer);
-    return rc == sOKAY ? sync : rc;
+    const ZYN_RETCODE kept = acknowledge(self, writer);
+    return rc == sOKAY ? kept : rc;
 }
 
 static ZYN_RETCODE append_locked(context* self)
@@ -209,8 +219,6 @@ static ZYN_RETCODE append_locked(context* self)
         return rc;
     rc = append_lines(self, writer);
     segment_writer_destroy(writer);
-    psp_printf("appended %llu records up to number %llu\n", (unsigned long long)self->records,
-               (unsigned long long)self->last);
     return rc;
 }
 

@@ -217,12 +217,17 @@ struct segment_writer {
     PSP_OUTPUTBUFF frames; /* over the file */
     bytes payload;         /* the record of one frame */
     PSP_OUTPUTBUFF fields; /* over the payload */
+    ZYN_BOOL_T failed;     /* to write or to sync */
 };
 
+/* Transport of `frames`, which keeps what was refused and offers it again. A part of it may have
+   reached the file, so after a failure nothing is written behind that. */
 static ZYN_RETCODE write_file(const void* context, const void* data, uint32_t size)
 {
-    const segment_writer* self = context;
-    return psp_fileWrite(self->file, data, size) == size ? sOKAY : eBADWRITE;
+    segment_writer* self = (segment_writer*)context;
+    if (!self->failed)
+        self->failed = psp_fileWrite(self->file, data, size) != size;
+    return self->failed ? eBADWRITE : sOKAY;
 }
 
 static ZYN_RETCODE put(segment_writer* self, const void* data, uint32_t size)
@@ -295,8 +300,13 @@ ZYN_RETCODE segment_write(segment_writer* self, const record* rec)
 
 ZYN_RETCODE segment_writer_sync(segment_writer* self)
 {
-    const ZYN_RETCODE rc = psp_outputBuffFlush(self->frames);
-    return rc == sOKAY ? psp_fileSync(self->file) : rc;
+    if (self->file == NULL)
+        return sOKAY; /* the next segment could not be begun: the one before it is durable */
+    ZYN_RETCODE rc = self->failed ? eBADWRITE : psp_outputBuffFlush(self->frames);
+    if (rc == sOKAY)
+        rc = psp_fileSync(self->file);
+    self->failed = rc != sOKAY; /* for good: the system tells of a failed sync only once */
+    return rc;
 }
 
 ZYN_RETCODE segment_writer_create(PSP_MEMTAG tag, const char* dir, uint32_t number,

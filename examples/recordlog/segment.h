@@ -70,7 +70,7 @@ ZYN_RETCODE segment_writer_create(PSP_MEMTAG tag, const char* dir, uint32_t numb
 /* Appends a record. It may wait in memory until segment_writer_sync(). eRANGE: too long. */
 ZYN_RETCODE segment_write(segment_writer* self, const record* rec);
 
-/* Makes everything appended so far durable. */
+/* Makes everything appended so far durable. Once this or a write has failed it fails always. */
 ZYN_RETCODE segment_writer_sync(segment_writer* self);
 
 void segment_writer_destroy(segment_writer* self);

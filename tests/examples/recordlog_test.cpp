@@ -1,20 +1,22 @@
 // The example recordlog against a plain model of its files: appending and reading back, segments
-// that follow one another, tails torn at every byte, bytes that are wrong, two writers at once.
-#include "program.h"
-#include "recordlog_model.h"
+// that follow one another, two writers at once. recordlog_damage_test.cpp has what goes wrong.
+#include "recordlog_process.h"
 
 #include <chrono>
-#include <filesystem>
 #include <random>
 
 namespace {
 
 using logmodel::frame_of;
-using logmodel::line_of;
 using logmodel::lines_of;
 using logmodel::parse_segment;
 using logmodel::payload_of;
 using logmodel::Record;
+using logtest::appended;
+using logtest::Log;
+using logtest::segment_line;
+using logtest::torn;
+using logtest::total_line;
 using psptest::file_exists;
 using psptest::Program;
 using psptest::read_file;
@@ -22,90 +24,6 @@ using psptest::Result;
 using psptest::run_program;
 using psptest::TempDir;
 using psptest::write_file;
-
-constexpr int torn = 3; // exit status of verify
-
-// A log in its directory.
-class Log {
-  public:
-    explicit Log(const TempDir& dir, const char* name = "log") : dir_(dir), home_(dir / name) {}
-
-    Result append(const std::string& lines) const
-    {
-        return run_program(RECORDLOG_PATH, dir_, {"append", home_}, lines);
-    }
-    Result dump() const
-    {
-        return run_program(RECORDLOG_PATH, dir_, {"dump", home_});
-    }
-    Result verify() const
-    {
-        return run_program(RECORDLOG_PATH, dir_, {"verify", home_});
-    }
-
-    const std::string& home() const
-    {
-        return home_;
-    }
-    std::string path(unsigned number) const
-    {
-        char name[32];
-        std::snprintf(name, sizeof name, "/segment-%08X.log", number);
-        return home_ + name;
-    }
-    // Makes the file of a segment.
-    void put(unsigned number, const std::string& bytes) const
-    {
-        std::filesystem::create_directories(home_);
-        write_file(path(number), bytes);
-    }
-
-    // The bytes of all segments from the first on.
-    std::vector<std::string> segments() const
-    {
-        std::vector<std::string> all;
-        while (file_exists(path(static_cast<unsigned>(all.size()) + 1)))
-            all.push_back(read_file(path(static_cast<unsigned>(all.size()) + 1)));
-        return all;
-    }
-    // The complete records of all segments.
-    std::vector<Record> records() const
-    {
-        std::vector<Record> all;
-        for (const std::string& bytes : segments()) {
-            const auto segment = parse_segment(bytes);
-            all.insert(all.end(), segment.records.begin(), segment.records.end());
-        }
-        return all;
-    }
-
-  private:
-    const TempDir& dir_;
-    std::string home_;
-};
-
-std::string appended(std::size_t count, std::size_t last)
-{
-    return "appended " + std::to_string(count) + " records up to number " + std::to_string(last) +
-           "\n";
-}
-
-std::string segment_line(const Log& log, unsigned number, std::size_t records, std::size_t bytes)
-{
-    return log.path(number) + ": " + std::to_string(records) + " records in " +
-           std::to_string(bytes) + " bytes\n";
-}
-
-std::string torn_line(const Log& log, unsigned number, std::size_t lost, std::size_t end)
-{
-    return log.path(number) + ": torn tail of " + std::to_string(lost) + " bytes behind byte " +
-           std::to_string(end) + "\n";
-}
-
-std::string total_line(std::size_t records, std::size_t segments)
-{
-    return std::to_string(records) + " records in " + std::to_string(segments) + " segments\n";
-}
 
 uint64_t now_in_millis()
 {
@@ -323,138 +241,6 @@ TEST(RecordLog, MissesARecordBetweenTwoButNotTheOldest)
     EXPECT_EQ(log.verify().status, 1) << "a number that comes again";
 }
 
-// ---- Torn tails and wrong bytes ----
-
-// A segment of three short records.
-std::string three_records()
-{
-    std::string bytes;
-    for (const char* text : {"first", "", "third"})
-        bytes += frame_of(payload_of({parse_segment(bytes).records.size() + 1, 1'700'000'000'123,
-                                      static_cast<int>(bytes.size()), text}));
-    return bytes;
-}
-
-TEST(RecordLog, LosesNoCompleteRecordWhereverTheTailIsTorn)
-{
-    const std::string whole = three_records();
-    ASSERT_EQ(parse_segment(whole).ends.back(), whole.size());
-    for (std::size_t size = 0; size <= whole.size(); size++) {
-        TempDir dir;
-        Log log(dir);
-        const std::string bytes = whole.substr(0, size);
-        log.put(1, bytes);
-        std::vector<Record> records = parse_segment(bytes).records;
-        const std::size_t end = parse_segment(bytes).end();
-
-        const Result verify = log.verify();
-        EXPECT_EQ(verify.status, end == size ? 0 : torn) << size;
-        EXPECT_EQ(verify.out,
-                  segment_line(log, 1, records.size(), end) + total_line(records.size(), 1));
-        EXPECT_EQ(verify.err, end == size ? "" : torn_line(log, 1, size - end, end));
-
-        EXPECT_EQ(log.append("after\n").out, appended(1, records.size() + 1)) << size;
-        const bool goes_on = end == size && size != 0;
-        EXPECT_EQ(read_file(log.path(1)).substr(0, size), bytes) << "nothing is changed";
-        EXPECT_EQ(file_exists(log.path(2)), !goes_on) << size;
-        const std::vector<Record> now = log.records();
-        ASSERT_EQ(now.size(), records.size() + 1) << size;
-        EXPECT_EQ(now.back().text, "after");
-        records.push_back(now.back());
-        EXPECT_EQ(lines_of(now), lines_of(records)) << size;
-    }
-}
-
-TEST(RecordLog, TakesTheRecordsBeforeAWrongByte)
-{
-    const std::string whole = three_records();
-    const auto sound = parse_segment(whole);
-    std::mt19937 random(11);
-    for (std::size_t at = 0; at < whole.size(); at++) {
-        TempDir dir;
-        Log log(dir);
-        std::string bytes = whole;
-        bytes[at] = static_cast<char>(bytes[at] ^ (1 << random() % 8));
-        log.put(1, bytes);
-        std::size_t before = 0; // records that lie before the wrong byte
-        while (sound.ends[before] <= at)
-            before++;
-        ASSERT_EQ(parse_segment(bytes).records.size(), before);
-        const Result dump = log.dump();
-        EXPECT_EQ(dump.status, 0);
-        EXPECT_EQ(dump.out, lines_of({sound.records.begin(),
-                                      sound.records.begin() + static_cast<std::ptrdiff_t>(before)}))
-            << at;
-    }
-}
-
-TEST(RecordLog, StopsAtFramesThatAreWrongThoughTheirChecksumsAreRight)
-{
-    using logmodel::raw;
-    using logmodel::varint;
-    const std::string sound = frame_of(payload_of({1, 1'700'000'000'000, 6, "sound"}));
-    const std::string time = raw(uint64_t{1'700'000'000'000});
-    const std::string rows[] = {
-        frame_of("\xFB"),                                         // begins no number
-        frame_of(varint(2)),                                      // ends before the time
-        frame_of(varint(2) + time.substr(1)),                     // within it
-        frame_of(varint(2) + time),                               // before the priority
-        frame_of(varint(2) + time + "\xFF"),                      // begins no number
-        frame_of(varint(2) + time + varint(12)),                  // before the length
-        frame_of(varint(2) + time + varint(12) + raw(4) + "abc"), // within the text
-        frame_of(varint(2) + time + varint(12) + raw(INT32_MAX)),
-        varint(0) + raw(uint32_t{0}), // a record of no bytes
-        varint(logmodel::record_limit + 1) + raw(uint32_t{0}) + std::string(100, 'x'),
-        varint(UINT64_MAX) + raw(uint32_t{0}) + std::string(100, 'x'),
-        std::string(100, '\xFB'),
-        std::string(100, '\0'),
-    };
-    for (const std::string& row : rows) {
-        TempDir dir;
-        Log log(dir);
-        log.put(1, sound + row + sound);
-        ASSERT_EQ(parse_segment(sound + row + sound).end(), sound.size()) << "the model agrees";
-        const Result verify = log.verify();
-        EXPECT_EQ(verify.status, torn) << ::testing::PrintToString(row);
-        EXPECT_EQ(verify.err, torn_line(log, 1, row.size() + sound.size(), sound.size()));
-        EXPECT_EQ(log.append("after\n").out, appended(1, 2));
-    }
-}
-
-TEST(RecordLog, ReadsWhatTheModelReadsFromRandomBytes)
-{
-    std::mt19937 random(13);
-    for (int round = 0; round < 30; round++) {
-        TempDir dir;
-        Log log(dir);
-        std::string bytes;
-        const auto sequence = 1 + random() % 1000;
-        for (unsigned i = 0; i < random() % 4; i++)
-            bytes += frame_of(payload_of({sequence + i, random(), static_cast<int>(random() % 9),
-                                          std::string(random() % 30, 'x')}));
-        for (unsigned i = random() % 300; i > 0; i--)
-            bytes.push_back(static_cast<char>(random()));
-        log.put(1, bytes);
-        const auto segment = parse_segment(bytes);
-        EXPECT_EQ(log.dump().out, lines_of(segment.records));
-        EXPECT_EQ(log.verify().status, segment.end() == bytes.size() ? 0 : torn);
-    }
-}
-
-TEST(RecordLog, FindsTheLastRecordBehindSegmentsThatACrashLeftEmpty)
-{
-    TempDir dir;
-    Log log(dir);
-    ASSERT_EQ(log.append("one\ntwo\n").status, 0);
-    log.put(2, "");
-    log.put(3, std::string(10, '\0'));
-    EXPECT_EQ(log.append("three\n").out, appended(1, 3));
-    EXPECT_TRUE(file_exists(log.path(4)));
-    EXPECT_EQ(read_file(log.path(2)), "");
-    EXPECT_EQ(log.verify().status, torn);
-    EXPECT_EQ(log.records().size(), 3u);
-}
-
 // ---- Writers ----
 
 TEST(RecordLog, AdmitsOneWriterAtATimeAndReadersBesideIt)
@@ -478,33 +264,6 @@ TEST(RecordLog, AdmitsOneWriterAtATimeAndReadersBesideIt)
     EXPECT_EQ(log.append("next\n").out, appended(1, 42));
     EXPECT_EQ(log.verify().status, 0);
     EXPECT_EQ(log.dump().out, lines_of(log.records()));
-}
-
-TEST(RecordLog, KeepsEverythingDurableWhenAWriterIsKilled)
-{
-    TempDir dir;
-    Log log(dir);
-    std::string lines;
-    for (int i = 0; i < 2000; i++)
-        lines += std::string(static_cast<std::size_t>(i % 150), 'k') + "\n";
-    std::size_t durable = 0;
-    for (int round = 0; round < 8; round++) {
-        {
-            Program writer(RECORDLOG_PATH, dir, "writer", {"append", log.home()}, lines);
-            usleep(static_cast<useconds_t>(round) * 700);
-            writer.kill_now();
-        }
-        if (!file_exists(log.home()))
-            continue;
-        const int status = log.verify().status;
-        EXPECT_TRUE(status == 0 || status == torn) << status;
-        const std::vector<Record> records = log.records();
-        ASSERT_GE(records.size(), durable);
-        ASSERT_EQ(log.append("durable\n").out, appended(1, records.size() + 1));
-        durable = records.size() + 1;
-        for (std::size_t i = 0; i < records.size(); i++)
-            ASSERT_EQ(records[i].sequence, i + 1);
-    }
 }
 
 // ---- Trouble ----

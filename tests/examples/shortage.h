@@ -23,10 +23,10 @@ namespace psptest {
 // The environment refused what a test needs: child status of run_in_child.
 inline constexpr int not_permitted = 77;
 
-// Runs `body` in a child for which a file system of `bytes` is mounted on `disk`. not_permitted
-// where mounting is.
+// Runs `body` in a child for which a file system of `bytes` is mounted on the directory `disk`.
+// not_permitted where mounting is.
 template <class Body>
-int on_small_disk(const TempDir& disk, std::size_t bytes, Body body)
+int on_small_disk(const std::string& disk, std::size_t bytes, Body body)
 {
     return run_in_child([&] {
         const std::string size = "size=" + std::to_string(bytes);

@@ -231,7 +231,7 @@ TEST(SqlLimits, FullDiskIsSaidAndLeavesWhatWasAcknowledged)
         TempDir dir;
         TempDir disk;
         const std::uintmax_t rooms[] = {chance.up_to(64 * 1024), chance.up_to(64 * 1024)};
-        const int status = psptest::on_small_disk(disk, 2 << 20, [&] {
+        const int status = psptest::on_small_disk(disk.path(), 2 << 20, [&] {
             int refused = 0;
             Setting it(dir, disk.path());
             for (const std::uintmax_t room : rooms) {

@@ -368,7 +368,7 @@ TEST(SqlFiles, FullDiskRollsBackAndKeepsWhatWasCommitted)
 {
     TempDir dir;
     TempDir disk;
-    const int status = psptest::on_small_disk(disk, 256 * 1024, [&] {
+    const int status = psptest::on_small_disk(disk.path(), 256 * 1024, [&] {
         const std::string db = disk / "a.db";
         expect_full_but_sound(dir, db, run_engine(dir, {db}, fill_forever));
     });
