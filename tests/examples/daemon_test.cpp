@@ -1,12 +1,17 @@
 // The example daemon from outside: its command returns when the service runs or has failed to
 // start, the service lives by itself until a signal, and there is one in a directory.
 #include "program.h"
+#include "shortage.h"
+#include "support/scale.h"
 
 #include "zynretcodetypes.h"
 
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <set>
 #include <sstream>
 
 #include <sys/prctl.h>
@@ -15,6 +20,8 @@
 namespace {
 
 using psptest::file_exists;
+using psptest::in_long_run;
+using psptest::Program;
 using psptest::read_file;
 using psptest::Result;
 using psptest::run_program;
@@ -74,13 +81,20 @@ class Service {
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    // Runs the command; when it succeeds the service is running.
-    Result start()
+    // Runs the command; when it succeeds the service is running. `setup` runs in the child that
+    // becomes the command.
+    Result start(const Program::Setup& setup = {})
     {
-        Result result = run_program(DAEMON_PATH, dir_, {home_});
+        Result result = run_program(DAEMON_PATH, dir_, {home_}, "", setup);
         if (result.status == 0)
-            pid_ = std::atoi(pidfile().c_str());
+            started();
         return result;
+    }
+
+    // Some command has started the service.
+    void started()
+    {
+        pid_ = std::atoi(pidfile().c_str());
     }
 
     // Sends a signal and waits for the end; the exit status, or 128 plus the ending signal.
@@ -232,6 +246,99 @@ TEST(Daemon, StartsAgainAfterAnOrderlyEndAndAfterAKill)
     EXPECT_EQ(service.end(SIGTERM), 0);
     ASSERT_EQ(service.start().status, 0);
     EXPECT_EQ(service.end(SIGTERM), 0);
+}
+
+// ---- Again and again ----
+
+std::set<std::string> names_in(const std::string& directory)
+{
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+// Waits until every process that came from this one has ended; how many there still were.
+int processes_left()
+{
+    int count = 0;
+    while (waitpid(-1, nullptr, 0) > 0)
+        count++;
+    return count;
+}
+
+TEST(Daemon, LeavesNothingBehindOverManyStarts)
+{
+    TempDir dir;
+    TempDir scratch;
+    const auto own_scratch = [&] { return setenv("ZYN_TMPDIR", scratch.c_str(), 1) == 0; };
+    processes_left(); // of other tests in this process
+    Service service(dir);
+    const std::size_t descriptors = psptest::open_descriptors();
+    std::size_t of_service = 0;
+    for (int round = 0; round < in_long_run(20, 400) && !HasFailure(); round++) {
+        const int signal =
+            std::array{SIGTERM, SIGINT, SIGKILL}[static_cast<std::size_t>(round % 3)];
+        ASSERT_EQ(service.start(own_scratch).status, 0);
+        ASSERT_TRUE(service.wait_for("started"));
+        const std::size_t now = psptest::descriptors_of(service.pid());
+        EXPECT_EQ(now, round == 0 ? now : of_service);
+        of_service = now;
+
+        EXPECT_EQ(service.end(signal), signal == SIGKILL ? 128 + SIGKILL : 0);
+        EXPECT_EQ(processes_left(), 0);
+        EXPECT_EQ(names_in(service.home()), (std::set<std::string>{"daemon.log", "daemon.pid"}));
+        EXPECT_EQ(names_in(scratch.path()), std::set<std::string>{});
+        EXPECT_EQ(service.pidfile().empty(), signal != SIGKILL);
+        EXPECT_EQ(psptest::open_descriptors(), descriptors);
+    }
+}
+
+TEST(Daemon, RunsOnceWhenStartedManyTimesAtOnce)
+{
+    for (int round = 0; round < in_long_run(10, 200) && !HasFailure(); round++) {
+        TempDir dir;
+        Service service(dir);
+        std::vector<std::unique_ptr<Program>> commands;
+        for (const char* tag : {"a", "b", "c", "d", "e"})
+            commands.push_back(std::make_unique<Program>(
+                DAEMON_PATH, dir, tag, std::vector<std::string>{service.home()}, ""));
+        int running = 0;
+        for (const auto& command : commands) {
+            const Result result = command->finish();
+            EXPECT_TRUE(result.status == 0 || result.status == 1) << result.err;
+            running += result.status == 0;
+        }
+        ASSERT_EQ(running, 1);
+        service.started();
+        EXPECT_EQ(service.end(SIGTERM), 0) << service.log();
+        EXPECT_LE(processes_left(), 4) << "only those of the starts that failed";
+    }
+}
+
+TEST(Daemon, StartWithFewDescriptorsWorksOrSaysWhyNot)
+{
+    constexpr int loader_failed = 127; // the program's libraries were not found a descriptor
+    std::set<int> seen;
+    for (rlim_t limit = 3; limit < 14; limit++) {
+        SCOPED_TRACE(limit);
+        TempDir dir;
+        Service service(dir);
+        const Result result = service.start([limit] {
+            const rlimit few = {limit, limit};
+            return setrlimit(RLIMIT_NOFILE, &few) == 0;
+        });
+        seen.insert(result.status);
+        EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == loader_failed);
+        if (result.status == 0) {
+            EXPECT_EQ(service.end(SIGTERM), 0);
+            EXPECT_EQ(messages(service.log()).back(), "stopped with code 0");
+        } else {
+            EXPECT_NE(result.err, "");
+        }
+        EXPECT_LE(processes_left(), 1) << "only that of a start that failed";
+    }
+    EXPECT_TRUE(seen.count(0) == 1 && seen.count(1) == 1);
 }
 
 // ---- Starts that fail ----
