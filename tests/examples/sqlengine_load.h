@@ -1,5 +1,9 @@
 // A load of every kind for the example sqlengine, with a plain model of the database beside it:
 // each answer of the engine is compared with what the model says.
+//
+// How much is done at a time and how long texts are comes from chance, and repeats after a period;
+// which accounts, amounts and rows it is about never does. So memory can be compared from period
+// to period: who holds more at the end of a later one keeps what it should give back.
 #pragma once
 
 #include "sqlengine_dialog.h"
@@ -15,8 +19,8 @@ namespace sqltest {
 class Load {
   public:
     // `other` is a second database, which the engine attaches now and then.
-    Load(Dialog& engine, std::string other, unsigned seed)
-        : engine_(engine), other_(std::move(other)), random_(seed)
+    Load(Dialog& engine, std::string other, int period)
+        : engine_(engine), other_(std::move(other)), period_(period)
     {
     }
 
@@ -43,7 +47,8 @@ class Load {
     // Everything once or more, with other parameters each time.
     void cycle()
     {
-        cycles_++;
+        if (cycles_++ % period_ == 0)
+            shape_.seed(1);
         // Waiting for the disk is most of the time, so it is rare.
         run(cycles_ % 8 == 1 ? "PRAGMA synchronous = EXTRA;" : "PRAGMA synchronous = OFF;", 1, "");
         for (int i = 0; i < 4; i++) {
@@ -108,9 +113,9 @@ class Load {
         EXPECT_EQ(engine_.value(query), value) << query;
     }
 
-    std::size_t up_to(std::size_t most)
+    static std::size_t up_to(std::size_t most, std::mt19937& chance)
     {
-        return std::uniform_int_distribution<std::size_t>(0, most)(random_);
+        return std::uniform_int_distribution<std::size_t>(0, most)(chance);
     }
 
     // ---- Accounts ----
@@ -130,11 +135,11 @@ class Load {
         std::string line = "BEGIN;";
         std::string answer = "ok\n";
         std::vector<std::int64_t> after = balance_;
-        for (std::size_t i = up_to(4); i <= 4; i++) {
-            const std::size_t from = up_to(balance_.size() - 1);
-            const std::size_t to = up_to(balance_.size() - 1);
-            const auto amount = static_cast<std::int64_t>(up_to(1000));
-            const bool taken_back = up_to(3) == 0;
+        for (std::size_t i = up_to(4, shape_); i <= 4; i++) {
+            const std::size_t from = up_to(balance_.size() - 1, content_);
+            const std::size_t to = up_to(balance_.size() - 1, content_);
+            const auto amount = static_cast<std::int64_t>(up_to(1000, content_));
+            const bool taken_back = up_to(3, shape_) == 0;
             line += taken_back ? " SAVEPOINT part;" : "";
             line += move_sql(from, to, amount);
             line += taken_back ? " ROLLBACK TO part; RELEASE part;" : "";
@@ -142,7 +147,7 @@ class Load {
             after[from] -= taken_back ? 0 : amount;
             after[to] += taken_back ? 0 : amount;
         }
-        const bool commits = up_to(3) != 0;
+        const bool commits = up_to(3, shape_) != 0;
         run(line + (commits ? " COMMIT;" : " ROLLBACK;"), 0, answer + "ok\n");
         if (commits)
             balance_ = after;
@@ -151,7 +156,7 @@ class Load {
 
     void look_at_an_account()
     {
-        const std::size_t id = up_to(balance_.size() - 1);
+        const std::size_t id = up_to(balance_.size() - 1, content_);
         expect_value("SELECT balance FROM account WHERE id = " + std::to_string(id),
                      std::to_string(balance_[id]));
         expect_value("SELECT sum(balance) FROM account", "0");
@@ -161,10 +166,10 @@ class Load {
 
     void add_events()
     {
-        const std::size_t count = 1 + up_to(19);
+        const std::size_t count = 1 + up_to(19, shape_);
         std::string rows;
         for (std::size_t i = 0; i < count; i++) {
-            const std::size_t half = 1 + up_to(up_to(9) == 0 ? 6000 : 100);
+            const std::size_t half = 1 + up_to(up_to(9, shape_) == 0 ? 6000 : 100, shape_);
             events_[++last_event_] = 2 * half;
             rows += (i == 0 ? "(" : ",(") + std::to_string(last_event_) + ",replace(hex(zeroblob(" +
                     std::to_string(half) + ")),'0','e'))";
@@ -200,7 +205,7 @@ class Load {
 
     void look_at_events()
     {
-        const std::uint64_t from = events_.begin()->first + up_to(events_.size());
+        const std::uint64_t from = events_.begin()->first + up_to(events_.size(), content_);
         std::size_t count = 0;
         std::size_t bytes = 0;
         for (auto at = events_.lower_bound(from); at != events_.end(); ++at, count++)
@@ -243,7 +248,7 @@ class Load {
     // One transaction over two files; it is taken back, or the other file then has what this has.
     void use_the_other_database()
     {
-        const bool commits = up_to(1) == 0;
+        const bool commits = up_to(1, shape_) == 0;
         run("ATTACH '" + other_ + "' AS other; BEGIN; DELETE FROM other.kept;", 2,
             kept_.empty() ? "ok\n" : count_line(kept_.size()));
         run("INSERT INTO other.kept SELECT * FROM account;" + move_sql(0, 1, 5), 0,
@@ -284,7 +289,9 @@ class Load {
 
     Dialog& engine_;
     std::string other_;
-    std::mt19937 random_;
+    int period_;
+    std::mt19937 shape_;
+    std::mt19937 content_;
     std::vector<std::int64_t> balance_ = std::vector<std::int64_t>(100);
     std::vector<std::int64_t> kept_;              // the balances as the other database has them
     std::map<std::uint64_t, std::size_t> events_; // id to length
