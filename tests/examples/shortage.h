@@ -4,7 +4,7 @@
 
 #include "support/psp_test.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -12,7 +12,6 @@
 
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fcntl.h>
