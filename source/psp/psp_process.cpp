@@ -56,7 +56,7 @@ void reportSilentChild(pid_t child)
         fprintf(stderr, "%s: error: Child terminated with signal %d.\n", name, WTERMSIG(status));
 }
 
-ZYN_RETCODE awaitChild(const char* name, pid_t child, int readEnd)
+ZYN_RETCODE awaitChild(pid_t child, int readEnd)
 {
     ZYN_RETCODE rc = ePSP_FAILURE;
     ssize_t count;
@@ -64,12 +64,8 @@ ZYN_RETCODE awaitChild(const char* name, pid_t child, int readEnd)
         count = read(readEnd, &rc, sizeof(rc));
     } while (count < 0 && errno == EINTR);
 
-    if (count == static_cast<ssize_t>(sizeof(rc))) {
-        // A call upward: the operator reads in the log that the daemon runs.
-        if (rc == sOKAY)
-            psp_log("%s: Info: Started successfully\n", name);
+    if (count == static_cast<ssize_t>(sizeof(rc)))
         return rc;
-    }
     if (count == 0)
         reportSilentChild(child);
     else
@@ -109,8 +105,12 @@ ZYN_RETCODE psp_daemonStart(const char* name, PSP_DAEMON_CTX* ctx)
         return sCHILD;
     }
     close(ends[1]);
-    const ZYN_RETCODE rc = awaitChild(name, child, ends[0]);
+    const ZYN_RETCODE rc = awaitChild(child, ends[0]);
     close(ends[0]);
+    // A call upward: the operator reads in the log that the daemon runs. With nothing left to be
+    // closed, since the log's memory may end in the jump of the thread's tag.
+    if (rc == sOKAY)
+        psp_log("%s: Info: Started successfully\n", name);
     return rc;
 }
 

@@ -1,5 +1,6 @@
 // Clocks, sleep, daemon start and module loading on a system that answers what the test wants.
 #include "support/fault_test.h"
+#include "support/mem_test.h"
 
 #include "psp.h"
 
@@ -279,6 +280,28 @@ TEST_F(DaemonFault, ParentClosesBothEnds)
                   Fault::clear();
                   EXPECT_EQ(rc, eRANGE);
                   EXPECT_EQ(closed, (std::vector<int>{pipe_ends[1], pipe_ends[0]}));
+                  return 0;
+              }),
+              0);
+}
+
+TEST_F(DaemonFault, ParentThatHasNoMemoryForTheLogJumpsWithBothEndsClosed)
+{
+    EXPECT_EQ(run_in_child([] {
+                  jmp_buf buffer;
+                  release(get(8, PSP_THREAD_TAG), PSP_THREAD_TAG);
+                  psp_resetTag(&buffer, PSP_THREAD_TAG);
+                  const std::size_t descriptors = open_descriptors();
+                  Fault::fail_nth("tag_alloc", 1);
+                  const int value = jumped_with(buffer, [] {
+                      PSP_DAEMON_CTX ctx = nullptr;
+                      if (psp_daemonStart("testd", &ctx) == sCHILD) {
+                          psp_daemonComplete(ctx, sOKAY);
+                          _exit(0);
+                      }
+                  });
+                  EXPECT_EQ(value, 1);
+                  EXPECT_EQ(open_descriptors(), descriptors);
                   return 0;
               }),
               0);
