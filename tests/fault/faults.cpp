@@ -3,6 +3,7 @@
 #include "faults.h"
 
 #include "psp/mem.h"
+#include "psp_mem_data_int.h"
 #include "pspint.h"
 #include "psptypes.h"
 
@@ -155,6 +156,8 @@ using psptest::with_errno;
     X(dlclose, int, (void* module), (module), with_errno(p, -1), EINVAL)                           \
     X(newlocale, locale_t, (int mask, const char* name, locale_t base), (mask, name, base),        \
       with_errno(p, nullptr), ENOENT)                                                              \
+    X(setlocale, char*, (int category, const char* name), (category, name),                        \
+      with_errno(p, nullptr), ENOMEM)                                                              \
     X(localeconv, struct lconv*, (), (), with_errno(p, nullptr), ENOTSUP)                          \
     X(strerror_r, char*, (int error, char* buffer, size_t size), (error, buffer, size),            \
       with_errno(p, const_cast<char*>("no message")), EINVAL)                                      \
@@ -175,12 +178,14 @@ using psptest::with_errno;
     X(calloc, ENOMEM)                                                                              \
     X(realloc, ENOMEM)                                                                             \
     X(free, 0)                                                                                     \
+    X(heap, ENOMEM)                                                                                \
     X(open, EACCES)                                                                                \
     X(read, EIO)                                                                                   \
     X(pread, EIO)                                                                                  \
     X(write, ENOSPC)                                                                               \
     X(pwrite, ENOSPC)                                                                              \
-    X(tag_alloc, 0)
+    X(tag_alloc, 0)                                                                                \
+    X(large_block, 0)
 // clang-format on
 
 namespace psptest {
@@ -297,7 +302,8 @@ extern "C" {
 WRAPPED(WRAP_ROW)
 #undef WRAP_ROW
 
-// ---- The heap: counted, so that a test can see that all is given back. ----
+// ---- The heap: counted, so that a test can see that all is given back. Its three functions count
+// at a point of their own and at "heap". ----
 
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
@@ -308,10 +314,16 @@ void* __wrap_calloc(size_t count, size_t size);
 void* __wrap_realloc(void* ptr, size_t size);
 void __wrap_free(void* ptr);
 
+static bool heap_hit(Point& p)
+{
+    const bool planned_for_all = points[at_heap].hit();
+    return p.hit() || planned_for_all;
+}
+
 void* __wrap_malloc(size_t size)
 {
     Point& p = points[at_malloc];
-    void* ptr = p.hit() ? with_errno(p, nullptr) : __real_malloc(size);
+    void* ptr = heap_hit(p) ? with_errno(p, nullptr) : __real_malloc(size);
     heap_blocks += ptr != nullptr;
     return ptr;
 }
@@ -319,7 +331,7 @@ void* __wrap_malloc(size_t size)
 void* __wrap_calloc(size_t count, size_t size)
 {
     Point& p = points[at_calloc];
-    void* ptr = p.hit() ? with_errno(p, nullptr) : __real_calloc(count, size);
+    void* ptr = heap_hit(p) ? with_errno(p, nullptr) : __real_calloc(count, size);
     heap_blocks += ptr != nullptr;
     return ptr;
 }
@@ -328,7 +340,7 @@ void* __wrap_realloc(void* ptr, size_t size)
 {
     Point& p = points[at_realloc];
     const bool fresh = ptr == nullptr;
-    void* moved = p.hit() ? with_errno(p, nullptr) : __real_realloc(ptr, size);
+    void* moved = heap_hit(p) ? with_errno(p, nullptr) : __real_realloc(ptr, size);
     heap_blocks += fresh && moved != nullptr;
     return moved;
 }
@@ -457,4 +469,61 @@ void* wrap_memTryExtend(TAG_EXT)
 {
     return points[at_tag_alloc].hit() ? nullptr
                                       : real_memTryExtend(ptr, size, tag, mode, inc, data);
+}
+
+// ---- Large blocks: the request finds nothing left, and the limit refuses to let the layer grow.
+// ----
+
+void* real_allocLargeBlock(size_t* size, PSP_MEM_INFO* info) asm(
+    "__real__Z19psp_allocLargeBlockPmP12PSP_MEM_INFO");
+void* wrap_allocLargeBlock(size_t* size, PSP_MEM_INFO* info) asm(
+    "__wrap__Z19psp_allocLargeBlockPmP12PSP_MEM_INFO");
+void* real_reallocLargeBlock(void* ptr, size_t size) asm("__real__Z21psp_reallocLargeBlockPvm");
+void* wrap_reallocLargeBlock(void* ptr, size_t size) asm("__wrap__Z21psp_reallocLargeBlockPvm");
+
+psptest::MemoryLimit::MemoryLimit() : before_(psp_memlimit)
+{
+    psp_setMemLimit(nullptr, 4195328); // the lowest: it allows one chunk of the layer
+}
+
+psptest::MemoryLimit::~MemoryLimit()
+{
+    psp_setMemLimit(nullptr, before_);
+}
+
+psptest::Hoard::Hoard()
+{
+    const MemoryLimit limit;
+    for (std::size_t size = std::size_t{1} << 21; size >= sizeof(Piece); size /= 2)
+        for (std::size_t whole = size;
+             auto* piece = static_cast<Piece*>(real_allocLargeBlock(&whole, nullptr));) {
+            piece->next = pieces_;
+            pieces_ = piece;
+        }
+}
+
+psptest::Hoard::~Hoard()
+{
+    while (Piece* const piece = pieces_) {
+        pieces_ = piece->next;
+        psp_freeLargeBlock(piece, nullptr);
+    }
+}
+
+void* wrap_allocLargeBlock(size_t* size, PSP_MEM_INFO* info)
+{
+    if (!points[at_large_block].hit())
+        return real_allocLargeBlock(size, info);
+    const Hoard hoard;
+    const MemoryLimit limit;
+    return real_allocLargeBlock(size, info);
+}
+
+void* wrap_reallocLargeBlock(void* ptr, size_t size)
+{
+    if (!points[at_large_block].hit())
+        return real_reallocLargeBlock(ptr, size);
+    const Hoard hoard;
+    const MemoryLimit limit;
+    return real_reallocLargeBlock(ptr, size);
 }

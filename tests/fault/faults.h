@@ -15,7 +15,9 @@ namespace psptest {
 //
 // Names are those of the functions ("malloc", "fsync", "pthread_create"), and "tag_alloc" for
 // every allocation and extension under a memory tag that one source file asks of another; such a
-// failure jumps when the tag carries a jump buffer, exactly as a real one.
+// failure jumps when the tag carries a jump buffer, exactly as a real one. "heap" counts malloc,
+// calloc and realloc together, "large_block" what the allocators ask of the large-block layer: a
+// request that is to fail finds the layer empty and the memory limit reached.
 class Fault {
   public:
     // The `nth` call from now on fails (1: the next), and with `forever` all after it; 0 lets all
@@ -54,6 +56,34 @@ class Fault {
 // Heap blocks that malloc, calloc and realloc gave through the wrapped calls and free has not yet
 // taken back.
 long live_heap_blocks();
+
+// The lowest memory limit that can be set, until the end of the scope.
+class MemoryLimit {
+  public:
+    MemoryLimit();
+    ~MemoryLimit();
+    MemoryLimit(const MemoryLimit&) = delete;
+    MemoryLimit& operator=(const MemoryLimit&) = delete;
+
+  private:
+    std::size_t before_;
+};
+
+// Takes all that the large-block layer has at hand, until the end of the scope: whatever an
+// allocator asks for now comes from the heap.
+class Hoard {
+  public:
+    Hoard();
+    ~Hoard();
+    Hoard(const Hoard&) = delete;
+    Hoard& operator=(const Hoard&) = delete;
+
+  private:
+    struct Piece {
+        Piece* next;
+    };
+    Piece* pieces_ = nullptr;
+};
 
 // Runs body(fault, n) with a plan to fail the n-th call of the named function, for n = 1, 2, …,
 // until a run needed fewer than n calls. Gives the number of runs that met a failure.

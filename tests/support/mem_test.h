@@ -79,14 +79,12 @@ inline PSP_TAG_MEM_INFO info_of(PSP_MEMTAG tag)
     return info;
 }
 
-// True when all `size` bytes from `ptr` on hold `value`.
+// True when all `size` bytes from `ptr` on hold `value`: the first does, and each its neighbour's.
 inline bool holds(const void* ptr, std::size_t size, int value)
 {
     const auto* bytes = static_cast<const unsigned char*>(ptr);
-    for (std::size_t i = 0; i < size; i++)
-        if (bytes[i] != static_cast<unsigned char>(value))
-            return false;
-    return true;
+    return size == 0 || (bytes[0] == static_cast<unsigned char>(value) &&
+                         std::memcmp(bytes, bytes + 1, size - 1) == 0);
 }
 
 // The distance from `from` to `to` in bytes.
