@@ -8,7 +8,6 @@
 #include "psp_sync_int.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -128,72 +127,6 @@ TEST_F(StartFault, CountsAsBeforeWhenItFailsAgainAndAgain)
         ASSERT_EQ(psp_inited, 0);
     }
     expect_clean_and_startable();
-}
-
-constexpr int start_went_through = 50;
-
-// Starts with a plan in force, in a child. Gives how that ended: 0 for a start that failed and left
-// nothing, start_went_through when the plan was not met.
-int start_in_child(const char* function, int n, bool forever)
-{
-    return run_in_child([=] {
-        const std::size_t descriptors = open_descriptors();
-        const long heap_blocks = live_heap_blocks();
-        Fault fault(function, n, forever);
-        const ZYN_RETCODE rc = psp_init();
-        const bool met = fault.failures() > 0;
-        fault.disarm();
-        if (rc == sOKAY) {
-            psp_term();
-        } else {
-            EXPECT_TRUE(met);
-            EXPECT_TRUE(rc == eNOMEMORY || rc == eFILEOPEN || rc == ePSP_FAILURE) << rc;
-        }
-        expect_clean_and_startable();
-        EXPECT_EQ(open_descriptors(), descriptors);
-        EXPECT_EQ(live_heap_blocks(), heap_blocks);
-        return met ? 0 : start_went_through;
-    });
-}
-
-TEST_F(StartFault, WithoutHeapIsOutOfMemory)
-{
-    {
-        Fault fault("malloc", 1, true);
-        EXPECT_EQ(psp_init(), eNOMEMORY) << "not even the record of the global tag";
-    }
-    expect_clean_and_startable();
-    for (const bool forever : {false, true}) {
-        int status = 0;
-        for (int n = 1; status != start_went_through; n++) {
-            status = start_in_child("malloc", n, forever);
-            ASSERT_TRUE(status == 0 || status == start_went_through)
-                << "call " << n << ": " << status;
-        }
-    }
-}
-
-// Without the first block of the lock table there is no way to go on, and nobody to tell. The
-// allocator of the global tag comes before it; all later allocations have a code.
-TEST_F(StartFault, WithoutMemoryInItsTagsFailsOrEndsTheProcess)
-{
-    for (const bool forever : {false, true}) {
-        EXPECT_EQ(start_in_child("tag_alloc", 1, forever), 0);
-        CapturedFd out(1);
-        CapturedFd err(2);
-        const int status = start_in_child("tag_alloc", 2, forever);
-        EXPECT_EQ(err.finish(), "");
-        EXPECT_EQ(out.finish(), "");
-        EXPECT_EQ(status, 128 + SIGABRT);
-    }
-    for (const bool forever : {false, true}) {
-        int status = 0;
-        for (int n = 3; status != start_went_through; n++) {
-            status = start_in_child("tag_alloc", n, forever);
-            ASSERT_TRUE(status == 0 || status == start_went_through)
-                << "call " << n << ": " << status;
-        }
-    }
 }
 
 // ---- The order of things ----

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csetjmp>
 #include <random>
 #include <string>
 #include <vector>
@@ -381,29 +380,6 @@ TEST_F(FileUtilFault, ComparingTellsWhichAllocationWasRefused)
             const Fault fault("tag_alloc", n);
             EXPECT_NE(psp_fileCmp(src_.c_str(), dest_.c_str()), sOKAY);
         });
-}
-
-TEST_F(FileUtilFault, JumpsLeaveNoFileOpen)
-{
-    static jmp_buf buffer;
-    static const char* src;
-    static const char* dest;
-    src = src_.c_str();
-    dest = dest_.c_str();
-    write_file(src_, "text");
-    write_file(dest_, "text");
-    psp_resetTag(&buffer, PSP_THREAD_TAG);
-    for (const int n : {5, 6}) { // the two buffers, which are the thread's
-        Fault::fail_nth("tag_alloc", n);
-        EXPECT_EQ(jumped_with(buffer, [] { psp_fileCopy(src, dest); }), 1) << n;
-        EXPECT_EQ(open_descriptors(), descriptors_);
-        Fault::fail_nth("tag_alloc", n);
-        EXPECT_EQ(jumped_with(buffer, [] { psp_fileCmp(src, dest); }), 1) << n;
-        EXPECT_EQ(open_descriptors(), descriptors_);
-    }
-    Fault::clear();
-    psp_resetTag(nullptr, PSP_THREAD_TAG);
-    EXPECT_EQ(compare(), sOKAY);
 }
 
 TEST_F(FileUtilFault, TemporaryNamesSurviveEveryRefusedAllocation)

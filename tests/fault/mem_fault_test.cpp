@@ -1,5 +1,5 @@
-// Memory that runs out, mutexes and keys that cannot be made: the code that is told, nothing lost,
-// no lock held, and the library usable afterwards.
+// Mutexes, keys and tags that cannot be made: the code that is told, nothing lost, and the library
+// usable afterwards. And the legacy allocator's dealings with the heap.
 #include "support/fault_test.h"
 #include "support/mem_test.h"
 
@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csetjmp>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -17,8 +15,6 @@ using namespace psptest;
 extern "C" void __real_free(void* ptr);
 
 namespace {
-
-constexpr std::size_t mib = 1024 * 1024;
 
 class MemFault : public HeapFaultTest {};
 
@@ -55,31 +51,6 @@ class StartFault : public RawTest {
 };
 
 // ---- Start ----
-
-TEST_F(StartFault, WithoutMemoryTellsSo)
-{
-    for (const bool forever : {false, true}) {
-        const int runs = fail_every_call("malloc", forever, [&](Fault& fault, int n) {
-            const ZYN_RETCODE code = psp_init();
-            fault.disarm();
-            EXPECT_EQ(code, fault.failures() == 0 ? sOKAY : eNOMEMORY) << "call " << n;
-            if (code == sOKAY)
-                psp_term();
-            expect_untouched();
-            expect_start_works();
-        });
-        EXPECT_GE(runs, 1);
-    }
-}
-
-TEST_F(StartFault, WithoutAThreadSpecificKeyIsOutOfMemory)
-{
-    Fault fault("pthread_key_create", 1);
-    EXPECT_EQ(psp_init(), eNOMEMORY);
-    EXPECT_EQ(fault.failures(), 1);
-    expect_untouched();
-    expect_start_works();
-}
 
 TEST_F(StartFault, WithoutOneOfItsMutexesTellsWhich)
 {
@@ -130,35 +101,6 @@ TEST_F(StartFault, GivesItsThreadSpecificKeyBack)
         });
 }
 
-TEST_F(StartFault, WithoutMemoryOfItsTagsStartsOrFailsCleanlyOrEndsTheProcess)
-{
-    // Only the first block of the table of synchronisation objects is worth the process.
-    constexpr int all_passed = 10;
-    int ended = 0;
-    for (const bool forever : {false, true})
-        for (int n = 1;; n++) {
-            const int status = run_in_child([&] {
-                CapturedFd out(1);
-                CapturedFd err(2);
-                Fault fault("tag_alloc", n, forever);
-                const ZYN_RETCODE code = psp_init();
-                fault.disarm();
-                EXPECT_EQ(psp_inited, code == sOKAY ? 1 : 0);
-                if (code == sOKAY)
-                    psp_term();
-                expect_untouched();
-                expect_start_works();
-                return fault.failures() == 0 ? all_passed : 0;
-            });
-            EXPECT_NE(status, child_had_failures) << "allocation " << n;
-            if (status == all_passed)
-                break;
-            ended += status != 0;
-            ASSERT_LT(n, 100);
-        }
-    EXPECT_LE(ended, 2) << "one for each way to fail";
-}
-
 TEST_F(StartFault, OfASecondUserNeedsNothing)
 {
     ASSERT_EQ(psp_init(), sOKAY);
@@ -204,48 +146,10 @@ TEST_F(MemFault, TagWithoutItsMutexGoesUnsynchronised)
     }
 }
 
-// Takes all that the large-block layer still has, down to less than the chunk of a list tag.
-void use_up_large_blocks(PSP_MEMTAG filler)
-{
-    for (std::size_t size = 2 * mib; size >= 4096; size /= 2)
-        while (get(size, filler) != nullptr)
-            ;
-}
-
-TEST_F(MemFault, TagWithoutMemoryTellsWhatWasMissing)
-{
-    PSP_MEMTAG filler = make_tag(LIST_ALLOCATOR);
-    Fault fault("malloc", 1, true);
-    use_up_large_blocks(filler);
-    for (const PSP_ALLOCATOR_TYPE type : {BLOCK_ALLOCATOR, LIST_ALLOCATOR, STACK_ALLOCATOR}) {
-        std::vector<PSP_MEMTAG> made;
-        ZYN_RETCODE code = sOKAY;
-        do {
-            PSP_MEMTAG tag = nullptr;
-            code = psp_createTagEx_rc(nullptr, 1, type, nullptr, nullptr, &tag, "", 0);
-            EXPECT_EQ(code == sOKAY, tag != nullptr);
-            if (tag != nullptr)
-                made.push_back(tag);
-            ASSERT_LT(made.size(), 1000u);
-        } while (code == sOKAY);
-        EXPECT_TRUE(code == eNOMEMORY || code == ePSP_FAILURE) << code;
-        PSP_MEMTAG again = nullptr;
-        EXPECT_EQ(psp_createTagEx_rc(nullptr, 1, type, nullptr, nullptr, &again, "", 0), code)
-            << "a failure leaves things as they were";
-        EXPECT_EQ(make_tag(type), nullptr);
-        for (PSP_MEMTAG tag : made)
-            destroy_tag(tag);
-    }
-    fault.disarm();
-    EXPECT_NE(make_tag(), nullptr);
-}
-
 TEST_F(MemFault, ThreadTagThatCannotBeMadeIsNone)
 {
-    PSP_MEMTAG filler = make_tag(LIST_ALLOCATOR);
     {
-        Fault fault("malloc", 1, true);
-        use_up_large_blocks(filler);
+        Fault fault("large_block", 1, true);
         while (make_tag(LIST_ALLOCATOR) != nullptr)
             ;
         EXPECT_EQ(get(10, PSP_THREAD_TAG), nullptr);
@@ -286,152 +190,6 @@ TEST_F(MemFault, ThreadTagThatCannotBeRememberedAgainLosesItsMemory)
         EXPECT_NE(get(10, PSP_THREAD_TAG), nullptr);
         EXPECT_EQ(info_of(PSP_THREAD_TAG).used.current, 10u);
     }).join();
-}
-
-// ---- Allocation ----
-
-TEST_F(MemFault, AllocationWithoutMemoryIsNullAndHoldsNoLock)
-{
-    for (const PSP_ALLOCATOR_TYPE type : all_types)
-        for (const std::int16_t flags : {0, 1}) {
-            PSP_MEMTAG tag = make_tag(type, flags);
-            void* kept = get(100, tag, 3);
-            const PSP_TAG_MEM_INFO before = info_of(tag);
-            const std::size_t held = memory_in_use();
-            {
-                Fault fault("malloc", 1, true);
-                EXPECT_EQ(get(6 * mib, tag), nullptr);
-                void* block = &block;
-                EXPECT_EQ(psp_getMem_rc(6 * mib, tag, 3, nullptr, &block, "", 0), eNOMEMORY);
-                EXPECT_EQ(block, nullptr);
-                EXPECT_EQ(extend(nullptr, 6 * mib, tag), nullptr);
-                EXPECT_GE(fault.failures(), 3);
-            }
-            EXPECT_EQ(info_of(tag), before);
-            EXPECT_EQ(memory_in_use(), held);
-            EXPECT_TRUE(holds(kept, 100, 0));
-            std::thread([&] { EXPECT_NE(get(6 * mib, tag), nullptr); }).join();
-            destroy_tag(tag);
-        }
-}
-
-TEST_F(MemFault, AllocationUnderAJumpBufferJumpsWithOneAndHoldsNoLock)
-{
-    for (const PSP_ALLOCATOR_TYPE type : all_types)
-        for (const std::int16_t flags : {0, 1}) {
-            jmp_buf buffer;
-            PSP_MEMTAG tag = make_tag(type, flags, &buffer);
-            void* result = nullptr;
-            Fault::fail_nth("malloc", 1, true);
-            EXPECT_EQ(jumped_with(buffer, [&] { get(6 * mib, tag); }), 1);
-            EXPECT_EQ(jumped_with(buffer, [&] { get(6 * mib, tag, 3); }), 1);
-            EXPECT_EQ(jumped_with(buffer, [&] { extend(nullptr, 6 * mib, tag); }), 1);
-            EXPECT_EQ(jumped_with(buffer,
-                                  [&] { psp_getMem_rc(6 * mib, tag, 1, nullptr, &result, "", 0); }),
-                      1);
-            Fault::clear();
-            std::thread([&] {
-                void* block = get(6 * mib, tag);
-                EXPECT_NE(block, nullptr);
-                release(block, tag);
-            }).join();
-            destroy_tag(tag);
-        }
-}
-
-TEST_F(MemFault, ResizeWithoutMemoryLeavesTheBlock)
-{
-    for (const PSP_ALLOCATOR_TYPE type : {BLOCK_ALLOCATOR, LIST_ALLOCATOR, LEGACY_ALLOCATOR})
-        for (const std::size_t size : {std::size_t{100}, std::size_t{10000}, 5 * mib}) {
-            jmp_buf buffer;
-            PSP_MEMTAG tag = make_tag(type, 1);
-            void* block = get(size, tag);
-            std::memset(block, 'k', size);
-            void* result = &result;
-            Fault::fail_nth(type == LEGACY_ALLOCATOR ? "realloc" : "malloc", 1, true);
-            EXPECT_EQ(extend(block, 9 * mib, tag), nullptr);
-            EXPECT_EQ(extend(block, 9 * mib, tag, 5, 0, block), nullptr);
-            EXPECT_EQ(psp_extendMem_rc(block, 9 * mib, tag, 3, 1, nullptr, &result, "", 0),
-                      eNOMEMORY);
-            EXPECT_EQ(result, nullptr);
-            psp_resetTag(&buffer, tag);
-            EXPECT_EQ(jumped_with(buffer, [&] { extend(block, 9 * mib, tag); }), 1);
-            EXPECT_EQ(jumped_with(buffer,
-                                  [&] {
-                                      psp_extendMem_rc(block, 9 * mib, tag, 1, 0, nullptr, &result,
-                                                       "", 0);
-                                  }),
-                      1);
-            Fault::clear();
-            EXPECT_TRUE(holds(block, size, 'k'));
-            std::thread([&] {
-                void* moved = extend(block, 9 * mib, tag);
-                EXPECT_NE(moved, nullptr);
-                EXPECT_TRUE(holds(moved, size, 'k'));
-                release(moved, tag);
-            }).join();
-            destroy_tag(tag);
-        }
-}
-
-TEST_F(MemFault, MoveWithoutMemoryLeavesTheBlockAndNeverJumps)
-{
-    for (const PSP_ALLOCATOR_TYPE type : all_types) {
-        jmp_buf buffer;
-        PSP_MEMTAG source = make_tag();
-        PSP_MEMTAG target = make_tag(type, 1, &buffer);
-        void* block = get(6 * mib, source);
-        std::memset(block, 'k', 6 * mib);
-        Fault::fail_nth("malloc", 1, true);
-        EXPECT_EQ(
-            jumped_with(buffer, [&] { EXPECT_EQ(move(block, 6 * mib, target, source), nullptr); }),
-            0);
-        Fault::clear();
-        EXPECT_TRUE(holds(block, 6 * mib, 'k'));
-        std::thread([&] { EXPECT_NE(move(block, 6 * mib, target, source), nullptr); }).join();
-        destroy_tag(target);
-        destroy_tag(source);
-    }
-}
-
-// A caller's work with long blocks; what fails is skipped.
-void long_work(PSP_ALLOCATOR_TYPE type)
-{
-    PSP_MEMTAG tag = make_tag(type, 1);
-    if (tag == nullptr)
-        return;
-    std::vector<void*> blocks;
-    for (std::size_t size = mib; size < 12 * mib; size += 3 * mib) {
-        if (void* block = get(size, tag))
-            blocks.push_back(block);
-        if (blocks.empty())
-            continue;
-        if (void* moved = extend(blocks.back(), size + 5 * mib, tag))
-            blocks.back() = moved;
-    }
-    if (blocks.size() > 1) {
-        release(blocks.front(), tag);
-        if (void* moved = move(blocks.back(), mib, PSP_GLOBAL_TAG, tag); moved != blocks.back())
-            release(moved, PSP_GLOBAL_TAG);
-    }
-    destroy_tag(tag);
-}
-
-TEST_F(MemFault, EveryFailingCallOfTheHeapLosesNothing)
-{
-    for (const PSP_ALLOCATOR_TYPE type : all_types)
-        for (const char* function : {"malloc", "realloc"})
-            for (const bool forever : {false, true}) {
-                const std::size_t held = memory_in_use();
-                const long blocks = live_heap_blocks();
-                const int runs = fail_every_call(function, forever, [&](Fault& fault, int n) {
-                    long_work(type);
-                    fault.disarm();
-                    EXPECT_EQ(memory_in_use(), held) << function << " " << n;
-                    EXPECT_EQ(live_heap_blocks(), blocks) << function << " " << n;
-                });
-                EXPECT_TRUE(runs > 0 || std::strcmp(function, "realloc") == 0);
-            }
 }
 
 // ---- The legacy allocator and the heap ----

@@ -6,7 +6,6 @@
 #include "psp/scan.h"
 
 #include <cerrno>
-#include <csetjmp>
 #include <string>
 #include <vector>
 
@@ -187,34 +186,6 @@ TEST_F(PathFault, SplittingSurvivesEveryRefusedAllocation)
     split("dir/", 1);
 }
 
-TEST_F(PathFault, JumpsLoseNothing)
-{
-    static jmp_buf buffer;
-    psp_resetTag(&buffer, tag_);
-    Fault::replace("getcwd", faked_getcwd);
-    const long blocks = live_heap_blocks();
-    const auto jumps = [&](int allocations, auto operation) {
-        for (int n = 1; n <= allocations; n++) {
-            Fault::fail_nth("tag_alloc", n);
-            EXPECT_EQ(jumped_with(buffer, operation), 1) << n;
-            Fault::fail_nth("tag_alloc", 0);
-            EXPECT_EQ(live_heap_blocks(), blocks) << n;
-        }
-    };
-    static PSP_MEMTAG tag;
-    tag = tag_;
-    jumps(3, [] { psp_currdirEx(tag); });
-    jumps(3, [] { psp_fullpathEx(".", tag); });
-    jumps(1, [] { psp_fullpathEx("/x", tag); });
-    jumps(4, [] { psp_fullpathEx("x", tag); });
-    jumps(2, [] {
-        char* dir;
-        char* file;
-        psp_pathSplitEx("/a/b", &dir, &file, tag);
-    });
-    psp_resetTag(nullptr, tag_);
-}
-
 // ---- Directories ----
 
 TEST_F(PathFault, DirectoriesCostAsFewCallsAsCanBe)
@@ -315,17 +286,6 @@ TEST_F(PathFault, CreatingParentsGivesItsCopyBack)
         EXPECT_EQ(psp_dirCreateAll("p/q/r/s"), sOKAY);
         EXPECT_EQ(calls, 5);
     });
-}
-
-TEST_F(PathFault, CreatingParentsSurvivesARefusedAllocation)
-{
-    const InDirectory here(dir_.path());
-    const int refused = refuse_each([](const Fault& fault, int) {
-        const ZYN_RETCODE rc = psp_dirCreateAll("p/q/r");
-        EXPECT_EQ(rc, fault.failures() > 0 ? eNOMEMORY : sOKAY);
-        EXPECT_EQ(file_exists("p"), rc == sOKAY);
-    });
-    EXPECT_EQ(refused, 1);
 }
 
 // ---- Scans ----
@@ -454,22 +414,6 @@ TEST_F(PathFault, AScanIsNotOpenedByHalves)
         EXPECT_EQ(open_scan(), nullptr);
         EXPECT_EQ(errno, EMFILE);
     });
-}
-
-TEST_F(PathFault, AScanUnderAJumpingTagLeavesNothingOpen)
-{
-    static jmp_buf buffer;
-    static const char* path;
-    path = dir_.c_str();
-    const std::size_t descriptors = open_descriptors();
-    psp_resetTag(&buffer, PSP_GLOBAL_TAG);
-    for (int n = 1; n <= 4; n++) {
-        Fault::fail_nth("tag_alloc", n);
-        EXPECT_EQ(jumped_with(buffer, [] { psp_pathClose(psp_pathOpen(path, "*")); }), 1) << n;
-        Fault::fail_nth("tag_alloc", 0);
-        EXPECT_EQ(open_descriptors(), descriptors) << n;
-    }
-    psp_resetTag(nullptr, PSP_GLOBAL_TAG);
 }
 
 TEST_F(PathFault, NoScanIsTriedInDisklessMode)

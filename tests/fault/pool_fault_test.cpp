@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csetjmp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,8 +17,6 @@
 using namespace psptest;
 
 namespace {
-
-constexpr std::size_t mib = 1024 * 1024;
 
 class OwnerFault : public HeapFaultTest {};
 
@@ -165,61 +162,6 @@ TEST_F(PoolFault, PoolWithoutItsTagReturnsTheCodeOfThat)
         EXPECT_EQ(make_pool(nullptr, "lock", &pool), code);
         EXPECT_EQ(pool, nullptr);
     }
-}
-
-TEST_F(PoolFault, PoolOverATagWithoutMemoryIsNone)
-{
-    PSP_MEMTAG tag = make_tag(BLOCK_ALLOCATOR, 1);
-    const PSP_TAG_MEM_INFO before = info_of(tag);
-    Fault fault("tag_alloc", 1);
-    PSP_POOL pool = nullptr;
-    EXPECT_EQ(make_pool(tag, "lock", &pool), eNOMEMORY);
-    EXPECT_EQ(pool, nullptr);
-    EXPECT_EQ(info_of(tag), before);
-    destroy_tag(tag);
-}
-
-TEST_F(PoolFault, PoolObjectWithoutMemoryIsNullAndHoldsNoLock)
-{
-    for (const bool own_tag : {true, false}) {
-        PSP_POOL pool = nullptr;
-        ASSERT_EQ(make_pool(own_tag ? nullptr : PSP_GLOBAL_TAG, "lock", &pool), sOKAY);
-        {
-            Fault fault("tag_alloc", 1, true);
-            for (const int mode : {1, 3, 5})
-                EXPECT_EQ(psp_poolGetMem(pool, 100, mode, "data", "", 0), nullptr);
-            EXPECT_EQ(fault.failures(), 3);
-        }
-        {
-            Fault fault("malloc", 1, true);
-            EXPECT_EQ(psp_poolGetMem(pool, 6 * mib, 3, nullptr, "", 0), nullptr);
-        }
-        std::thread([&] {
-            void* object = psp_poolGetMem(pool, 6 * mib, 1, nullptr, "", 0);
-            EXPECT_NE(object, nullptr);
-            psp_poolPut(pool, object);
-        }).join();
-        psp_poolDestroy(pool);
-    }
-}
-
-TEST_F(PoolFault, PoolOverATagWithAJumpBufferJumpsAndHoldsNoLock)
-{
-    jmp_buf buffer;
-    PSP_MEMTAG tag = make_tag(BLOCK_ALLOCATOR, 1, &buffer);
-    PSP_POOL pool = nullptr;
-    ASSERT_EQ(make_pool(tag, "lock", &pool), sOKAY);
-    Fault::fail_nth("malloc", 1, true);
-    EXPECT_EQ(jumped_with(buffer, [&] { psp_poolGetMem(pool, 6 * mib, 1, nullptr, "", 0); }), 1);
-    EXPECT_EQ(jumped_with(buffer, [&] { psp_poolGetMem(pool, 6 * mib, 3, nullptr, "", 0); }), 1);
-    Fault::clear();
-    std::thread([&] {
-        void* object = psp_poolGetMem(pool, 6 * mib, 1, nullptr, "", 0);
-        EXPECT_NE(object, nullptr);
-        psp_poolPut(pool, object);
-    }).join();
-    psp_poolDestroy(pool);
-    destroy_tag(tag);
 }
 
 TEST_F(PoolFault, PoolWithoutItsMutexGoesUnlocked)

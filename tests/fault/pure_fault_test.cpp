@@ -1,6 +1,5 @@
-// Memory refused to the strings, the binary streams, the random generators and the modules: each
-// allocation of each function in turn, once and for good, with and without a jump buffer in the tag
-// that is asked. What remains is counted in bytes.
+// Memory refused to the strings and the binary streams, and what each allocation is for; locks
+// refused to the random generators.
 #include "support/fault_test.h"
 #include "support/mem_test.h"
 
@@ -19,11 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include <dlfcn.h>
-
 using namespace psptest;
-
-extern "C" void* __real_dlopen(const char* path, int flags);
 
 namespace {
 
@@ -43,8 +38,6 @@ class ErrorTextFault : public PureFault {};
 class InputStreamFault : public PureFault {};
 class OutputStreamFault : public PureFault {};
 class RandomFault : public PureFault {};
-class ModuleLoadFault : public PureFault {};
-class LocaleFault : public PureFault {};
 
 std::size_t used(PSP_MEMTAG tag)
 {
@@ -386,35 +379,6 @@ struct Sink {
     }
 };
 
-TEST_F(OutputStreamFault, CannotBeMadeWithoutMemoryAndLeavesNothing)
-{
-    Sink sink;
-    auto* const untouched = reinterpret_cast<PSP_OUTPUTBUFF>(std::uintptr_t{0x1234});
-    PSP_OUTPUTBUFF out = nullptr;
-    ZYN_RETCODE code = sOKAY;
-    const std::size_t before = used(PSP_GLOBAL_TAG);
-    const int allocations = refuse_each_allocation(
-        PSP_GLOBAL_TAG,
-        [&] {
-            out = untouched;
-            code = eNOMEMORY; // stays when it jumps
-            code = psp_outputBuffCreate(Sink::write, &sink, 0, &out);
-        },
-        [&](const Refusal& run) {
-            if (!run.hit) {
-                EXPECT_EQ(code, sOKAY);
-                psp_outputBuffDestroy(out);
-            } else {
-                EXPECT_EQ(code, eNOMEMORY);
-                EXPECT_EQ(out, untouched);
-            }
-            EXPECT_EQ(used(PSP_GLOBAL_TAG), before);
-            expect_global_tag_is_free();
-        });
-    EXPECT_EQ(allocations, 2) << "record and buffer";
-    EXPECT_TRUE(sink.bytes.empty());
-}
-
 // What a buffer whose growth number `refused` (1 to 28) failed writes of `total` bytes: it keeps
 // the size it had, and is written whenever one more byte comes. The last entry is the flush.
 std::vector<std::size_t> blocks_after_refusal(int refused, std::size_t total)
@@ -488,30 +452,6 @@ TEST_F(OutputStreamFault, JumpsOnceOutOfAPutThatCannotGrowAndLosesNothing)
 
 // ---- Random generators ----
 
-TEST_F(RandomFault, CannotBeMadeWithoutMemoryAndLeavesNothing)
-{
-    const std::size_t before = used(PSP_GLOBAL_TAG);
-    for (const auto create : {psp_randCreate, psp_randCreateNoSem}) {
-        PSP_RAND generator = nullptr;
-        const int allocations = refuse_each_allocation(
-            PSP_GLOBAL_TAG,
-            [&] {
-                generator = nullptr;
-                generator = create(5489);
-            },
-            [&](const Refusal& run) {
-                EXPECT_EQ(generator != nullptr, !run.hit);
-                if (generator != nullptr) {
-                    EXPECT_EQ(psp_randGetUInt32(generator), 3499211612u);
-                }
-                psp_randDestroy(generator);
-                EXPECT_EQ(used(PSP_GLOBAL_TAG), before);
-                expect_global_tag_is_free();
-            });
-        EXPECT_EQ(allocations, 1) << "the record";
-    }
-}
-
 TEST_F(RandomFault, NeedsASynchronisationObjectForOneKindOnly)
 {
     const std::size_t before = used(PSP_GLOBAL_TAG);
@@ -526,57 +466,6 @@ TEST_F(RandomFault, NeedsASynchronisationObjectForOneKindOnly)
     EXPECT_EQ(psp_randGetUInt32(generator), 3499211612u);
     psp_randDestroy(generator);
     EXPECT_EQ(used(PSP_GLOBAL_TAG), before);
-}
-
-// ---- Modules ----
-
-bool was_opened;
-
-// Every module is the test program itself.
-void* open_self(const char*, int)
-{
-    was_opened = true;
-    return __real_dlopen(nullptr, RTLD_NOW);
-}
-
-TEST_F(ModuleLoadFault, LeavesNothingOfAModuleThatMemoryRanOutFor)
-{
-    Fault::replace("dlopen", open_self);
-    const std::size_t global = used(PSP_GLOBAL_TAG);
-    const std::size_t thread = used(PSP_THREAD_TAG);
-    for (const bool forever : {false, true}) {
-        const int allocations = fail_every_call("tag_alloc", forever, [&](Fault& fault, int n) {
-            PSP_MOD_CTX* module = nullptr;
-            was_opened = false;
-            const ZYN_RETCODE code = psp_load("x", &module);
-            fault.disarm();
-            EXPECT_EQ(used(PSP_THREAD_TAG), thread) << "allocation " << n;
-            expect_global_tag_is_free();
-            if (fault.failures() != 0) {
-                EXPECT_EQ(code, eNOMEMORY) << "allocation " << n;
-                EXPECT_EQ(module, nullptr);
-                EXPECT_EQ(was_opened, n == 4);
-                EXPECT_EQ(used(PSP_GLOBAL_TAG), global + (forever ? 18u : 0u))
-                    << "allocation " << n << ": the record and the name of the one that was loaded";
-                return;
-            }
-            EXPECT_EQ(code, sOKAY);
-            EXPECT_EQ(psp_unload(module), sOKAY);
-        });
-        EXPECT_EQ(allocations, 4) << "context, name, file name, platform record";
-    }
-}
-
-// ---- Locales ----
-
-TEST_F(LocaleFault, ThatTheSystemCannotMakeIsNone)
-{
-    Fault fault("newlocale", 1, true);
-    EXPECT_EQ(psp_createlocale(LC_ALL_MASK, "C"), locale_t{});
-    fault.disarm();
-    const locale_t locale = psp_createlocale(LC_ALL_MASK, "C");
-    EXPECT_NE(locale, locale_t{});
-    psp_freelocale(locale);
 }
 
 } // namespace

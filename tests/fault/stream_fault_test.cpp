@@ -21,38 +21,6 @@ class StreamFault : public TextFault {};
 
 // ---- Streams ----
 
-TEST_F(StreamFault, OpeningWithoutMemoryFails)
-{
-    const std::size_t descriptors = open_descriptors();
-    for (const bool forever : {false, true}) {
-        const int runs = fail_every_call("tag_alloc", forever, [&](Fault& fault, int) {
-            PSP_FILE_STREAM stream = psp_fopen(path_.c_str(), "w", PSP_FILE_MODE_UTF16);
-            fault.disarm();
-            EXPECT_EQ(stream == nullptr, fault.failures() > 0);
-            if (stream != nullptr)
-                psp_fclose(stream);
-            expect_nothing_lost();
-            EXPECT_EQ(open_descriptors(), descriptors);
-        });
-        EXPECT_GE(runs, 4) << "stream, cache, handle and name";
-    }
-}
-
-TEST_F(StreamFault, OpeningAStandardStreamWithoutMemoryFails)
-{
-    for (const char* name : {"stdin", "stdout", "stderr"}) {
-        const int runs = fail_every_call("tag_alloc", false, [&](Fault& fault, int) {
-            PSP_FILE_STREAM stream = psp_fopenStd(name);
-            fault.disarm();
-            EXPECT_EQ(stream == nullptr, fault.failures() > 0);
-            if (stream != nullptr)
-                psp_fclose(stream);
-            expect_nothing_lost();
-        });
-        EXPECT_GE(runs, 4);
-    }
-}
-
 TEST_F(StreamFault, OpeningJumpsOutOfTheGlobalTagWithNothingLost)
 {
     const std::size_t descriptors = open_descriptors();

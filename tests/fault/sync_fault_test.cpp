@@ -2,7 +2,6 @@
 // waits on a clock that the test sets.
 #include "support/fault_test.h"
 
-#include "psp/random.h"
 #include "psp/sync.h"
 #include "psp/thread.h"
 #include "psp/time.h"
@@ -25,7 +24,6 @@ namespace {
 class SyncFault : public ClockFaultTest {};
 class TimedWait : public SyncFault {};
 class ThreadFault : public SyncFault {};
-class RandomFault : public SyncFault {};
 
 PSP_SEM make(std::int16_t type)
 {
@@ -249,22 +247,6 @@ TEST_F(SyncFault, AMutexHasTheDefaultAttributes)
     EXPECT_NE(make(PSP_SEM_EVENT), PSP_SEM_INVALID);
 }
 
-TEST_F(SyncFault, WithoutMemoryForABlockTheProcessEndsInSilence)
-{
-    CapturedFd out(1);
-    CapturedFd err(2);
-    const int status = run_in_child([] {
-        while (sem_table[0].avail != SEM_CHAIN_END)
-            make(PSP_SEM_MUTEX);
-        Fault fault("tag_alloc", 1, true);
-        make(PSP_SEM_MUTEX);
-        return 1;
-    });
-    EXPECT_EQ(err.finish(), "");
-    EXPECT_EQ(out.finish(), "");
-    EXPECT_EQ(status, 128 + SIGABRT);
-}
-
 TEST_F(SyncFault, AFirstLevelIsOneLockOfTheSystemsAndNoMemory)
 {
     const PSP_SEM sem = make(PSP_SEM_MUTEX);
@@ -370,36 +352,6 @@ TEST_F(ThreadFault, IsMadeWithTheAttributesAskedFor)
     run_thread(0, 3);
     EXPECT_EQ(attributes.stacksize, usual_stacksize);
     EXPECT_EQ(attributes.inherits, PTHREAD_EXPLICIT_SCHED);
-}
-
-// ---- Random generators ----
-
-TEST_F(RandomFault, WithoutMemoryOrALockThereIsNoGenerator)
-{
-    PSP_TAG_MEM_INFO before{};
-    PSP_TAG_MEM_INFO after{};
-    psp_getTagMemInfo(PSP_GLOBAL_TAG, &before);
-    {
-        Fault fault("tag_alloc", 1);
-        EXPECT_EQ(psp_randCreate(1), nullptr);
-    }
-    {
-        Fault fault("tag_alloc", 1);
-        EXPECT_EQ(psp_randCreateNoSem(1), nullptr);
-    }
-    {
-        Fault fault("psp_syncCreate_check", 1);
-        EXPECT_EQ(psp_randCreate(1), nullptr);
-        EXPECT_EQ(fault.failures(), 1);
-    }
-    psp_getTagMemInfo(PSP_GLOBAL_TAG, &after);
-    EXPECT_EQ(after.used.current, before.used.current);
-    Fault fault("psp_syncCreate_check", 1, true);
-    const PSP_RAND generator = psp_randCreateNoSem(5489);
-    ASSERT_NE(generator, nullptr) << "it needs no lock";
-    EXPECT_EQ(psp_randGetUInt32(generator), 3499211612u);
-    psp_randDestroy(generator);
-    EXPECT_EQ(fault.calls(), 0);
 }
 
 } // namespace

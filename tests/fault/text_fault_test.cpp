@@ -126,16 +126,6 @@ TEST_F(StackFault, ALogThatCannotBeMadeIsNoErrorUnlessItsPathIs)
     EXPECT_EQ(info_of(PSP_THREAD_TAG).used.current, 0u);
 }
 
-TEST_F(StackFault, ALogPathJumpsOutOfTheThreadsTag)
-{
-    Fault fault("tag_alloc", 1);
-    EXPECT_TRUE(jumps(PSP_THREAD_TAG, [&] { psp_log_createEx(nullptr, dir_.c_str(), "log"); }));
-    fault.disarm();
-    psp_log_closeEx(nullptr);
-    expect_enterable([&] { EXPECT_EQ(psp_log_openEx(nullptr, path_.c_str()), sOKAY); });
-    psp_log_closeEx(nullptr);
-}
-
 TEST_F(StackFault, PrintingWithoutMemoryGivesTheLockBack)
 {
     CapturedFd captured(1);
@@ -213,20 +203,6 @@ TEST_F(ContextFault, WithoutATagForTheLogIsMadeAndTakesNoLog)
     psp_log_termCtx(&ctx);
     EXPECT_FALSE(file_exists(path_));
     EXPECT_EQ(memory_in_use(), used_);
-}
-
-TEST_F(ContextFault, JumpsWithNothingLost)
-{
-    int jumped = 0;
-    fail_every_call("tag_alloc", false, [&](Fault& fault, int) {
-        PSP_LOG_CTX ctx;
-        jumped += jumps(PSP_GLOBAL_TAG, [&] { psp_log_initCtx(&ctx); });
-        fault.disarm();
-        psp_log_termCtx(&ctx);
-        EXPECT_EQ(memory_in_use(), used_);
-        expect_nothing_lost();
-    });
-    EXPECT_GE(jumped, 4) << "two streams of two records";
 }
 
 TEST_F(ContextFault, WithoutMutexesWorksUnlocked)
@@ -359,14 +335,6 @@ TEST_F(LogFault, ShowsTheSameTimeOnBothSides)
 }
 
 // ---- Messages in pieces ----
-
-TEST_F(ChunkFault, WithoutMemoryDoesNotBegin)
-{
-    Fault fault("tag_alloc", 1);
-    EXPECT_EQ(psp_log_chunk_init(), nullptr);
-    fault.disarm();
-    expect_nothing_lost();
-}
 
 TEST_F(ChunkFault, DropsThePieceThatHasNoMemory)
 {
