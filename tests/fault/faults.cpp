@@ -494,11 +494,16 @@ psptest::MemoryLimit::~MemoryLimit()
 psptest::Hoard::Hoard()
 {
     const MemoryLimit limit;
+    const long before = heap_blocks;
     for (std::size_t size = std::size_t{1} << 21; size >= sizeof(Piece); size /= 2)
         for (std::size_t whole = size;
              auto* piece = static_cast<Piece*>(real_allocLargeBlock(&whole, nullptr));) {
             piece->next = pieces_;
             pieces_ = piece;
+            if (heap_blocks > before + 1) { // the layer's first chunk, at most
+                std::fprintf(stderr, "the memory limit does not hold\n");
+                std::abort();
+            }
         }
 }
 
