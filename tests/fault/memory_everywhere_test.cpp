@@ -429,6 +429,8 @@ int start_in_child(const StartFailure& failure, int n, bool forever)
             EXPECT_EQ(live_heap_blocks(), blocks);
             EXPECT_EQ(open_descriptors(), descriptors);
             EXPECT_EQ(get(10, PSP_GLOBAL_TAG), nullptr);
+            void* data = nullptr;
+            EXPECT_EQ(psp_globalGet("none", 8, nullptr, nullptr, &data), ePSP_FAILURE);
             EXPECT_EQ(psp_init(), sOKAY);
             get_ready();
             expect_all_enterable(PSP_GLOBAL_TAG);

@@ -93,7 +93,6 @@ void add_stacks(std::vector<Row>& rows)
                     .run = [](Bench& b) { return psp_log_initCtx(&b.log); },
                     .refusals = {eNOMEMORY, eFILEOPEN, sOKAY}, // a log can do without its tag
                     .jumps = Jumps::sometimes,
-                    .refused = [](Bench& b) { psp_log_termCtx(&b.log); }, // harmless
                     .undo = [](Bench& b) { psp_log_termCtx(&b.log); }});
     rows.push_back({.functions = "psp_log_openEx",
                     .run = [](Bench& b) { return psp_log_openEx(nullptr, b.file.c_str()); },
