@@ -1,5 +1,5 @@
 // The records of the memory layer: the tag, the table through which a tag reaches its allocator,
-// and what the allocators keep in front of and inside their memory.
+// what the allocators keep in front of and inside their memory, and the pools.
 //
 // The allocators lay out their chunks themselves, so the sizes of the headers are part of their
 // algorithms; the assertions below hold them. Sizes inside chunks are 32-bit. The front end never
@@ -17,6 +17,7 @@
 #include <pthread.h>
 
 #include "psp/mem.h"
+#include "psp/pool.h"
 #include "psp/sync.h"
 #include "psp_atomic.h"
 
@@ -317,3 +318,25 @@ void* legacy_allocator_realloc(const void* ptr, size_t newsize, void* alctr, int
 void legacy_allocator_free(const void* ptr, void* alctr);
 void legacy_allocator_free_all(void* alctr);
 void legacy_allocator_mem_info(const void* alctr, PSP_TAG_MEM_INFO* mem_info);
+
+// ---- Pools (psppool.cpp) ----
+
+struct PSP_POOL_HDR {
+    PSP_POOL_HDR* next; // while idle: the object returned before this one
+    size_t size;        // what the object was made for
+};
+
+static_assert(sizeof(PSP_POOL_HDR) == 16);
+
+struct PSP_POOL_CTX {
+    PSP_POOL_HDR* next;               // idle objects, the last returned first
+    PSP_MEMTAG tag;                   // owner of this record and of the objects
+    PSP_SEM sem;                      // the pool's mutex, or PSP_SEM_INVALID
+    ZYN_BOOL_T local_tag;             // whether the tag is the pool's own
+    uint32_t count;                   // idle objects
+    uint32_t max_pooled_items;        // most idle objects kept
+    PSP_POOL_SIZE_INFO size_info;     // recorded only
+    PSP_POOL_CONSTRUCTOR constructor; // for new objects; may be NULL
+    PSP_POOL_DESTRUCTOR destructor;   // before an object goes; may be NULL
+    PSP_POOL_USERDATA userdata;       // first argument of both
+};

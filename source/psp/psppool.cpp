@@ -18,26 +18,6 @@
 #include "psp_track.h"
 #include "pspint.h"
 
-struct PSP_POOL_HDR {
-    PSP_POOL_HDR* next; // while idle: the object returned before this one
-    size_t size;        // what the object was made for
-};
-
-static_assert(sizeof(PSP_POOL_HDR) == 16);
-
-struct PSP_POOL_CTX {
-    PSP_POOL_HDR* next;               // idle objects, the last returned first
-    PSP_MEMTAG tag;                   // owner of this record and of the objects
-    PSP_SEM sem;                      // the pool's mutex, or PSP_SEM_INVALID
-    ZYN_BOOL_T local_tag;             // whether the tag is the pool's own
-    uint32_t count;                   // idle objects
-    uint32_t max_pooled_items;        // most idle objects kept
-    PSP_POOL_SIZE_INFO size_info;     // recorded only
-    PSP_POOL_CONSTRUCTOR constructor; // for new objects; may be NULL
-    PSP_POOL_DESTRUCTOR destructor;   // before an object goes; may be NULL
-    PSP_POOL_USERDATA userdata;       // first argument of both
-};
-
 namespace {
 
 constexpr uint32_t MAX_POOLED_ITEMS = 1000;
