@@ -4,11 +4,8 @@
 #include "psp/pool.h"
 #include "psp/sync.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <map>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -394,62 +391,6 @@ TEST_F(Pool, OfAStackTagWorksAsFarAsThatFrees)
     psp_poolDestroy(pool);
     EXPECT_EQ(destroyed(), 1u);
     destroy_tag(tag);
-}
-
-TEST_F(Pool, BehavesLikeItsModelThroughRandomWork)
-{
-    struct Idle {
-        void* object;
-        std::size_t size;
-    };
-    for (unsigned seed = 1; seed <= 3; seed++) {
-        log_ = Log{};
-        std::mt19937 random(seed);
-        PSP_POOL pool = make(PSP_GLOBAL_TAG, seed % 2 == 0 ? "lock" : nullptr);
-        std::vector<Idle> idle; // back: the head
-        std::vector<Idle> out;
-        std::size_t maximum = 1000;
-        Log expected;
-        for (int i = 0; i < 2000; i++) {
-            const unsigned dice = random() % 100;
-            if (dice < 2) {
-                maximum = random() % 20;
-                psp_poolSetMaxPooled(pool, static_cast<std::uint32_t>(maximum));
-            } else if (out.empty() || (dice < 55 && out.size() < 40)) {
-                const std::size_t size = 8 + random() % 100;
-                Idle got{take(pool, size), size};
-                ASSERT_NE(got.object, nullptr);
-                const bool reuse = !idle.empty() && size <= idle.back().size;
-                if (reuse) {
-                    ASSERT_EQ(got.object, idle.back().object);
-                    got.size = idle.back().size;
-                } else {
-                    if (!idle.empty())
-                        expected.destroyed.push_back(idle.back().object);
-                    expected.constructed.push_back(got.object);
-                }
-                if (!idle.empty())
-                    idle.pop_back();
-                out.push_back(got);
-            } else {
-                const std::size_t which = random() % out.size();
-                psp_poolPut(pool, out[which].object);
-                if (idle.size() >= maximum)
-                    expected.destroyed.push_back(out[which].object);
-                else
-                    idle.push_back(out[which]);
-                out[which] = out.back();
-                out.pop_back();
-            }
-            ASSERT_EQ(log_.constructed, expected.constructed) << "seed " << seed << " step " << i;
-            ASSERT_EQ(log_.destroyed, expected.destroyed) << "seed " << seed << " step " << i;
-        }
-        psp_poolSetMaxPooled(pool, 1000);
-        for (const Idle& object : out)
-            psp_poolPut(pool, object.object);
-        psp_poolDestroy(pool);
-        EXPECT_EQ(log_.destroyed.size(), log_.constructed.size());
-    }
 }
 
 class PoolWithoutStart : public RawTest {};

@@ -63,11 +63,14 @@ inline bool has_pattern(const LiveBlock& block)
            holds(bytes + block.size - part, part, block.pattern);
 }
 
+inline constexpr int walk_distance = 1000; // operations between two walks over the records
+
 // Runs `operations` random steps. The harness has the operations of one allocator, each of which
 // does the step in the library and in the model and compares:
 //   void* alloc(size_t size); void* realloc(void* ptr, size_t size, int preserve);
 //   void free(void* ptr); size_t random_size(std::mt19937& random); void check();
-// and may end the run early by a failed expectation.
+// proves the library's records sound in void walk(), now and then, and may end the run early by a
+// failed expectation.
 template <class Harness>
 void drive(Harness& harness, unsigned seed, int operations, std::size_t most_live,
            bool with_realloc = true)
@@ -112,10 +115,13 @@ void drive(Harness& harness, unsigned seed, int operations, std::size_t most_liv
             live.pop_back();
         }
         harness.check();
+        if (i % walk_distance == 0)
+            harness.walk();
     }
     for (const LiveBlock& block : live)
         harness.free(block.ptr);
     harness.check();
+    harness.walk();
 }
 
 // The large-block layer with its traffic written down: what it asks of psp_malloc, and what it
@@ -159,10 +165,11 @@ class LargeBlockSpy {
     }
 };
 
-// The model of the large-block layer: a list model with 4 MiB chunks and the statistics.
-class LargeModel {
+// The model of the large-block layer: a list model with 4 MiB chunks, the statistics, and the limit
+// or the caller's buffer that chunks are refused for.
+class LargeModel final : ChunkSupply {
   public:
-    explicit LargeModel(ChunkLog& log) : blocks_(4194304, log) {}
+    explicit LargeModel(ChunkLog& log) : log_(log), blocks_(4194304, *this) {}
 
     // Addresses are those after the 8-byte header; 0 is NULL.
     std::uintptr_t alloc(std::size_t size)
@@ -190,15 +197,12 @@ class LargeModel {
         sizes_[moved + 8] = size + 8;
         return moved + 8;
     }
-    // Every block is freed, in whatever order.
-    void free_each()
-    {
-        for (const auto& [address, size] : sizes_)
-            stats_.sub(size);
-        sizes_.clear();
-        blocks_.free_each();
-    }
 
+    // The bytes of a large block with its header.
+    std::size_t size_of(std::uintptr_t address) const
+    {
+        return sizes_.at(address);
+    }
     PSP_MEM_INFO stats() const
     {
         return stats_.info();
@@ -209,6 +213,20 @@ class LargeModel {
     }
 
   private:
+    Chunk take(std::size_t wanted) override
+    {
+        const Chunk chunk = log_.take(wanted);
+        const bool over_limit = psp_memlimit != 0 && wanted + stats_.current > psp_memlimit;
+        const bool no_buffer = psp_membuffer != nullptr && !blocks_.chunks().empty();
+        EXPECT_EQ(chunk.address == 0, over_limit || no_buffer) << wanted;
+        return chunk;
+    }
+    void give_back(std::uintptr_t chunk) override
+    {
+        log_.give_back(chunk);
+    }
+
+    ChunkLog& log_;
     ListModel blocks_;
     std::map<std::uintptr_t, std::size_t> sizes_;
     ModelCounter stats_;

@@ -2,8 +2,8 @@
 // the address of every block, the chunks asked for and given back, and the bytes in use.
 //
 // The library runs first; its chunk source and sink write down what they were asked (ChunkLog).
-// The model then does the same operation, takes the address of a new chunk from that log, and the
-// test compares.
+// The model then does the same operation, takes the address of a new chunk from that log, or from
+// the model of what its chunks come from, and the test compares.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,8 +20,22 @@
 
 namespace psptest {
 
-// What passed between an allocator and its chunk source and sink.
-struct ChunkLog {
+// What a model's chunks come from and go to.
+class ChunkSupply {
+  public:
+    struct Chunk {
+        std::uintptr_t address; // 0: refused
+        std::size_t given;      // bytes; differs from the request when the source enlarged it
+    };
+    virtual Chunk take(std::size_t wanted) = 0;
+    virtual void give_back(std::uintptr_t chunk) = 0;
+
+  protected:
+    ~ChunkSupply() = default;
+};
+
+// What passed between an allocator and its chunk source and sink, for its model to follow.
+struct ChunkLog final : ChunkSupply {
     struct Request {
         std::size_t wanted;     // bytes asked for
         std::size_t given;      // bytes granted; differs when the source enlarged the request
@@ -29,6 +43,27 @@ struct ChunkLog {
     };
     std::deque<Request> requests;
     std::deque<std::uintptr_t> released;
+
+    Chunk take(std::size_t wanted) override
+    {
+        if (requests.empty()) {
+            ADD_FAILURE() << "a chunk of " << wanted << " bytes is due, none was asked for";
+            return {0, 0};
+        }
+        const Request request = requests.front();
+        requests.pop_front();
+        EXPECT_EQ(request.wanted, wanted);
+        return {request.address, request.given};
+    }
+    void give_back(std::uintptr_t chunk) override
+    {
+        if (released.empty()) {
+            ADD_FAILURE() << "an empty chunk was kept";
+            return;
+        }
+        EXPECT_EQ(released.front(), chunk);
+        released.pop_front();
+    }
 };
 
 class ListModel {
@@ -36,7 +71,9 @@ class ListModel {
     static constexpr std::uint32_t chunk_header = 32;
     static constexpr std::uint32_t block_header = 16;
 
-    ListModel(std::uint32_t blocksize, ChunkLog& log) : blocksize_(blocksize), log_(log) {}
+    ListModel(std::uint32_t blocksize, ChunkSupply& supply) : blocksize_(blocksize), supply_(supply)
+    {
+    }
 
     // Each gives the address of the block, or 0 where the library must give NULL.
     std::uintptr_t alloc(std::size_t size)
@@ -79,19 +116,13 @@ class ListModel {
         return address;
     }
 
-    // Everything goes, chunk by chunk; the counters stay.
+    // Everything goes, newest chunk first; the counters stay.
     void free_all()
     {
+        for (const Chunk& chunk : chunks_)
+            supply_.give_back(chunk.address);
         chunks_.clear();
         used_blocks_.clear();
-    }
-
-    // Every block is freed, in whatever order.
-    void free_each()
-    {
-        for (const auto& [address, block] : used_blocks_)
-            used_ -= block.size;
-        free_all();
     }
 
     std::size_t size_of(std::uintptr_t address) const
@@ -176,17 +207,11 @@ class ListModel {
     {
         const std::size_t least = size + block_header;
         const std::size_t request = (least > blocksize_ ? least : blocksize_) + chunk_header;
-        if (log_.requests.empty()) {
-            ADD_FAILURE() << "a chunk of " << request << " bytes is due, none was asked for";
+        const ChunkSupply::Chunk got = supply_.take(request);
+        if (got.address == 0)
             return std::nullopt;
-        }
-        const ChunkLog::Request entry = log_.requests.front();
-        log_.requests.pop_front();
-        EXPECT_EQ(entry.wanted, request);
-        if (entry.address == 0)
-            return std::nullopt;
-        const std::size_t payload = entry.given - chunk_header;
-        chunks_.push_front(Chunk{entry.address, payload, {Free{0, payload - block_header}}});
+        const std::size_t payload = got.given - chunk_header;
+        chunks_.push_front(Chunk{got.address, payload, {Free{0, payload - block_header}}});
         return Place{&chunks_.front(), 0};
     }
 
@@ -245,12 +270,7 @@ class ListModel {
 
     void release(Chunk& chunk)
     {
-        if (log_.released.empty()) {
-            ADD_FAILURE() << "an empty chunk was kept";
-        } else {
-            EXPECT_EQ(log_.released.front(), chunk.address);
-            log_.released.pop_front();
-        }
+        supply_.give_back(chunk.address);
         chunks_.remove_if([&](const Chunk& other) { return &other == &chunk; });
     }
 
@@ -261,7 +281,7 @@ class ListModel {
     }
 
     std::uint32_t blocksize_;
-    ChunkLog& log_;
+    ChunkSupply& supply_;
     std::list<Chunk> chunks_; // newest first; blocks point at their chunks
     std::map<std::uintptr_t, Used> used_blocks_;
     std::size_t used_ = 0;

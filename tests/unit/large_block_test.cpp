@@ -1,5 +1,7 @@
 // The large-block layer: its statistics, its chunks, the limit and the caller's buffer.
 #include "support/alloc_driver.h"
+#include "support/mem_walk.h"
+#include "support/scale.h"
 
 #include <gtest/gtest.h>
 
@@ -282,6 +284,11 @@ class LargeHarness {
         expect_same_lists(LargeBlock, model_.blocks());
     }
 
+    void walk()
+    {
+        expect_sound_large_blocks();
+    }
+
   private:
     ChunkLog& log_;
     LargeModel model_;
@@ -294,7 +301,7 @@ class LargeBlocksModel : public LargeBlocks, public ::testing::WithParamInterfac
 TEST_P(LargeBlocksModel, AgreesOnEveryAddressAndCounter)
 {
     LargeHarness harness(log_);
-    drive(harness, GetParam(), 4000, 150);
+    drive(harness, GetParam(), in_long_run(4000, 2000000), 150);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, LargeBlocksModel, ::testing::Range(1u, 6u));

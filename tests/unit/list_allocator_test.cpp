@@ -1,5 +1,7 @@
 // The list allocator over chunks that the test supplies, so that every address is known.
 #include "support/alloc_driver.h"
+#include "support/mem_walk.h"
+#include "support/scale.h"
 
 #include <gtest/gtest.h>
 
@@ -487,6 +489,11 @@ class ListHarness {
         expect_same_lists(entry_, model_);
     }
 
+    void walk()
+    {
+        expect_sound(entry_);
+    }
+
   private:
     void check_size(void* ptr)
     {
@@ -507,13 +514,13 @@ class ListAllocatorModel : public ListAllocator, public ::testing::WithParamInte
 TEST_P(ListAllocatorModel, AgreesOnEveryAddressAndCounterOfATag)
 {
     ListHarness harness(entry_, 4096, 6000);
-    drive(harness, GetParam(), 4000, 200);
+    drive(harness, GetParam(), in_long_run(4000, 1000000), 200);
 }
 
 TEST_P(ListAllocatorModel, AgreesWithChunksThatHoldFewBlocks)
 {
     ListHarness harness(entry_, 256, 400);
-    drive(harness, GetParam() + 100, 4000, 60);
+    drive(harness, GetParam() + 100, in_long_run(4000, 1000000), 60);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ListAllocatorModel, ::testing::Range(1u, 6u));

@@ -1,5 +1,8 @@
 // The stack allocator over a large-block layer that nothing else uses.
 #include "support/alloc_driver.h"
+#include "support/mem_walk.h"
+#include "support/scale.h"
+#include "support/stack_model.h"
 
 #include <gtest/gtest.h>
 
@@ -12,55 +15,6 @@
 using namespace psptest;
 
 namespace {
-
-// The model: chunks with what is handed out and what is left.
-class StackModel {
-  public:
-    explicit StackModel(LargeModel& large) : large_(large) {}
-
-    struct Chunk {
-        std::uintptr_t address;
-        std::size_t offset;
-        std::size_t left;
-    };
-
-    std::uintptr_t alloc(std::size_t size)
-    {
-        const std::size_t rounded = (size + 7) / 8 * 8;
-        auto chunk = partial.begin();
-        while (chunk != partial.end() && chunk->left < rounded)
-            ++chunk;
-        if (chunk == partial.end()) {
-            const std::size_t payload = std::max<std::size_t>(rounded, 4096);
-            const std::uintptr_t address = large_.alloc(payload + 24);
-            if (address == 0)
-                return 0;
-            partial.push_front({address, 0, payload});
-            chunk = partial.begin();
-        }
-        const std::uintptr_t block = chunk->address + 24 + chunk->offset;
-        chunk->offset += rounded;
-        chunk->left -= rounded;
-        used.add(rounded);
-        if (chunk->left == 0)
-            full.splice(full.begin(), partial, chunk);
-        return block;
-    }
-
-    void free_all()
-    {
-        large_.free_each();
-        partial.clear();
-        full.clear();
-    }
-
-    std::list<Chunk> partial; // head first
-    std::list<Chunk> full;
-    ModelCounter used;
-
-  private:
-    LargeModel& large_;
-};
 
 void expect_same_chunks(const STACK_CHUNK_HDR* hdr, const std::list<StackModel::Chunk>& chunks)
 {
@@ -263,7 +217,6 @@ class StackHarness {
     {
         stack_allocator_free_all(&entry_);
         model_.free_all();
-        log_.released.clear(); // in whatever order
     }
     void check()
     {
@@ -276,6 +229,12 @@ class StackHarness {
         expect_same_chunks(entry_.partial_chunks, model_.partial);
         expect_same_chunks(entry_.full_chunks, model_.full);
         expect_same_lists(LargeBlock, large_.blocks());
+    }
+
+    void walk()
+    {
+        expect_sound(entry_);
+        expect_sound_large_blocks();
     }
 
   private:
@@ -291,8 +250,8 @@ class StackAllocatorModel : public StackAllocator,
 TEST_P(StackAllocatorModel, AgreesOnEveryAddressAndChunk)
 {
     StackHarness harness(entry_, LargeBlockSpy::log());
-    for (unsigned round = 0; round < 3 && !HasFailure(); round++) {
-        drive(harness, GetParam() * 10 + round, 1500, 1500);
+    for (unsigned round = 0; round < in_long_run(3u, 600u) && !HasFailure(); round++) {
+        drive(harness, round * 10 + GetParam(), in_long_run(1500, 3500), 1500);
         if (HasFailure())
             return;
         harness.free_all();
