@@ -123,7 +123,7 @@ void* hand_out(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_t size, size
     mem_info_add(alctr->mem_info.used, size);
     mem_info_sub(alctr->mem_info.free, actual);
     mem_info_add(alctr->mem_info.overhead, actual - size);
-    psp_track_open(block + 1, actual);
+    psp_track_fresh(block + 1, actual);
     return block + 1;
 }
 

@@ -117,7 +117,7 @@ LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     LIST_HDR* const block = first_block(chunk);
     block->size = static_cast<uint32_t>(inner - sizeof(LIST_HDR));
     push_free(chunk, block);
-    psp_track_close(block + 1, block->size);
+    psp_track_close(block + 1, whole - sizeof(LIST_CHUNK_HDR) - sizeof(LIST_HDR));
     return chunk;
 }
 
@@ -128,13 +128,13 @@ LIST_HDR* use_entry(const BEST_FIT& fit, size_t size)
     if (block->size > size + sizeof(LIST_HDR)) {
         block->size -= static_cast<uint32_t>(size + sizeof(LIST_HDR));
         block = next_block(block);
-        psp_track_open(block, sizeof(LIST_HDR));
+        psp_track_fresh(block, sizeof(LIST_HDR));
         block->size = static_cast<uint32_t>(size);
     } else {
         unlink_free(fit.chunk, block, fit.q);
     }
     block->ptr.chunk = fit.chunk;
-    psp_track_open(block + 1, block->size);
+    psp_track_fresh(block + 1, block->size);
     return block;
 }
 
@@ -260,8 +260,9 @@ void* internal_realloc(const void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* al
     const size_t size = round_up(newsize, UNIT);
     LIST_HDR* const block = header_of(ptr);
     LIST_CHUNK_HDR* const chunk = block->ptr.chunk;
+    const uint32_t before = block->size;
     combine_with_next(chunk, block, find_next_neighbor(chunk, block));
-    psp_track_open(block + 1, block->size);
+    psp_track_fresh(header_after(block, before), block->size - before);
     if (size > block->size)
         return move_block(block, size, alctr, preserve);
     // Counted against the block as it is now, with what it took in: the difference wraps, and may

@@ -75,7 +75,7 @@ void* cut_block(STACK_ALLOCATOR_ENTRY* alctr, STACK_CHUNK_HDR* chunk, size_t siz
     chunk->offset += static_cast<uint32_t>(taken);
     chunk->left -= static_cast<uint32_t>(taken);
     mem_info_add(alctr->mem_info.used, taken);
-    psp_track_open(block, size);
+    psp_track_fresh(block, size);
     return block;
 }
 

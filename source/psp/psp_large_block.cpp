@@ -97,8 +97,10 @@ void* psp_malloc(size_t* size, PSP_MEM_INFO*)
 
 void psp_free(void* ptr, PSP_MEM_INFO*)
 {
-    if (relaxed_load(psp_membuffer))
+    if (void* const buffer = relaxed_load(psp_membuffer)) {
         psp_membuffer_used = 0;
-    else
+        psp_track_open(buffer, relaxed_load(psp_memlimit)); // also what no chunk could use
+    } else {
         free(ptr);
+    }
 }
