@@ -9,7 +9,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <clocale>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -35,8 +37,8 @@ struct Point {
     int default_error;
     std::atomic<int> calls{0};
     std::atomic<int> failures{0};
-    std::atomic<int> nth{0}; // 0: every call passes
-    std::atomic<bool> forever{false};
+    std::atomic<int> nth{0};     // the first call that fails; 0: every call passes
+    std::atomic<int> last{0};    // and the last one
     std::atomic<int> error{0};   // 0: the default
     std::atomic<long> bytes{-1}; // from 0 up: move at most this many instead of failing
     std::atomic<void (*)()> replacement{nullptr};
@@ -46,7 +48,7 @@ struct Point {
     {
         const int call = ++calls;
         const int planned = nth;
-        if (planned == 0 || call < planned || (call > planned && !forever))
+        if (planned == 0 || call < planned || call > last)
             return false;
         ++failures;
         return true;
@@ -55,12 +57,12 @@ struct Point {
     {
         return error != 0 ? error.load() : default_error;
     }
-    void plan(int number, bool all_after, int code, long limit)
+    void plan(int number, int times, int code, long limit)
     {
         nth = 0; // calls of other threads pass while the plan changes
         calls = 0;
         failures = 0;
-        forever = all_after;
+        last = times == INT_MAX ? INT_MAX : number + times - 1;
         error = code;
         bytes = limit;
         nth = number;
@@ -70,6 +72,11 @@ struct Point {
 namespace {
 
 std::atomic<long> heap_blocks{0};
+
+int times(bool forever)
+{
+    return forever ? INT_MAX : 1;
+}
 
 // Failure as most functions tell it.
 template <class Result>
@@ -85,10 +92,11 @@ Result with_errno(const Point& point, Result result)
 using psptest::Point;
 using psptest::with_errno;
 
-// X(name, result type, parameters, arguments, result when point `p` fails it, error)
+// X(name, result type, parameters, arguments, result when point `p` fails it, error). What closes
+// something has closed it even when it fails, as the system does.
 // clang-format off
 #define WRAPPED(X)                                                                                 \
-    X(close, int, (int fd), (fd), with_errno(p, -1), EIO)                                          \
+    X(close, int, (int fd), (fd), (__real_close(fd), with_errno(p, -1)), EIO)                      \
     X(lseek, off_t, (int fd, off_t offset, int whence), (fd, offset, whence),                      \
       with_errno(p, off_t{-1}), EIO)                                                               \
     X(fsync, int, (int fd), (fd), with_errno(p, -1), EIO)                                          \
@@ -111,7 +119,7 @@ using psptest::with_errno;
     X(rmdir, int, (const char* path), (path), with_errno(p, -1), EACCES)                           \
     X(opendir, DIR*, (const char* path), (path), with_errno(p, nullptr), EACCES)                   \
     X(readdir, struct dirent*, (DIR* dir), (dir), with_errno(p, nullptr), EIO)                     \
-    X(closedir, int, (DIR* dir), (dir), with_errno(p, -1), EIO)                                    \
+    X(closedir, int, (DIR* dir), (dir), (__real_closedir(dir), with_errno(p, -1)), EIO)            \
     X(getcwd, char*, (char* buffer, size_t size), (buffer, size), with_errno(p, nullptr), ENOENT)  \
     X(pthread_key_create, int, (pthread_key_t* key, void (*end)(void*)), (key, end),               \
       p.planned_error(), EAGAIN)                                                                   \
@@ -123,10 +131,23 @@ using psptest::with_errno;
       (thread, attr, start, arg), p.planned_error(), EAGAIN)                                       \
     X(pthread_join, int, (pthread_t thread, void** result), (thread, result),                      \
       p.planned_error(), ESRCH)                                                                    \
+    X(pthread_attr_init, int, (pthread_attr_t* attr), (attr), p.planned_error(), ENOMEM)           \
+    X(pthread_attr_destroy, int, (pthread_attr_t* attr), (attr), p.planned_error(), EINVAL)        \
+    X(pthread_attr_setstacksize, int, (pthread_attr_t* attr, size_t size), (attr, size),           \
+      p.planned_error(), EINVAL)                                                                   \
+    X(pthread_attr_setinheritsched, int, (pthread_attr_t* attr, int inherit), (attr, inherit),     \
+      p.planned_error(), EINVAL)                                                                   \
+    X(pthread_attr_getschedparam, int, (const pthread_attr_t* attr, struct sched_param* param),    \
+      (attr, param), p.planned_error(), EINVAL)                                                    \
+    X(pthread_attr_setschedparam, int, (pthread_attr_t* attr, const struct sched_param* param),    \
+      (attr, param), p.planned_error(), ENOTSUP)                                                   \
     X(pthread_mutex_init, int, (pthread_mutex_t* mutex, const pthread_mutexattr_t* attr),          \
       (mutex, attr), p.planned_error(), ENOMEM)                                                    \
     X(pthread_cond_init, int, (pthread_cond_t* cond, const pthread_condattr_t* attr),              \
       (cond, attr), p.planned_error(), ENOMEM)                                                     \
+    X(pthread_condattr_init, int, (pthread_condattr_t* attr), (attr), p.planned_error(), ENOMEM)   \
+    X(pthread_condattr_setclock, int, (pthread_condattr_t* attr, clockid_t clock), (attr, clock),  \
+      p.planned_error(), EINVAL)                                                                   \
     X(pthread_cond_timedwait, int,                                                                 \
       (pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec* until),                \
       (cond, mutex, until), p.planned_error(), ETIMEDOUT)                                          \
@@ -154,10 +175,19 @@ using psptest::with_errno;
     X(dlsym, void*, (void* module, const char* name), (module, name),                              \
       with_errno(p, nullptr), ENOENT)                                                              \
     X(dlclose, int, (void* module), (module), with_errno(p, -1), EINVAL)                           \
+    X(signal, __sighandler_t, (int number, __sighandler_t handler), (number, handler),             \
+      with_errno(p, SIG_ERR), EINVAL)                                                              \
+    X(fclose, int, (FILE* file), (file), (__real_fclose(file), with_errno(p, EOF)), EIO)           \
+    X(fflush, int, (FILE* file), (file), with_errno(p, EOF), EIO)                                  \
+    X(puts, int, (const char* text), (text), with_errno(p, EOF), EIO)                              \
+    X(vfprintf, int, (FILE* file, const char* format, va_list args), (file, format, args),         \
+      with_errno(p, -1), EIO)                                                                      \
+    X(strftime, size_t, (char* text, size_t size, const char* format, const struct tm* parts),     \
+      (text, size, format, parts), with_errno(p, size_t{0}), ERANGE)                               \
     X(newlocale, locale_t, (int mask, const char* name, locale_t base), (mask, name, base),        \
       with_errno(p, nullptr), ENOENT)                                                              \
     X(setlocale, char*, (int category, const char* name), (category, name),                        \
-      with_errno(p, nullptr), ENOMEM)                                                              \
+      with_errno(p, nullptr), ENOENT)                                                              \
     X(localeconv, struct lconv*, (), (), with_errno(p, nullptr), ENOTSUP)                          \
     X(strerror_r, char*, (int error, char* buffer, size_t size), (error, buffer, size),            \
       with_errno(p, const_cast<char*>("no message")), EINVAL)                                      \
@@ -184,6 +214,7 @@ using psptest::with_errno;
     X(pread, EIO)                                                                                  \
     X(write, ENOSPC)                                                                               \
     X(pwrite, ENOSPC)                                                                              \
+    X(fprintf, EIO)                                                                                \
     X(tag_alloc, 0)                                                                                \
     X(large_block, 0)
 // clang-format on
@@ -220,12 +251,12 @@ Point& find_point(const char* name)
 
 Fault::Fault(const char* name, int nth, bool forever, int error) : point_(&find_point(name))
 {
-    point_->plan(nth, forever, error, -1);
+    point_->plan(nth, times(forever), error, -1);
 }
 
 Fault::~Fault()
 {
-    point_->plan(0, false, 0, -1);
+    point_->plan(0, 0, 0, -1);
 }
 
 int Fault::calls() const
@@ -245,12 +276,17 @@ void Fault::disarm()
 
 void Fault::fail_nth(const char* name, int nth, bool forever, int error)
 {
-    find_point(name).plan(nth, forever, error, -1);
+    find_point(name).plan(nth, times(forever), error, -1);
+}
+
+void Fault::fail_run(const char* name, int nth, int count, int error)
+{
+    find_point(name).plan(nth, count, error, -1);
 }
 
 void Fault::shorten_nth(const char* name, int nth, std::size_t bytes, bool forever)
 {
-    find_point(name).plan(nth, forever, 0, static_cast<long>(bytes));
+    find_point(name).plan(nth, times(forever), 0, static_cast<long>(bytes));
 }
 
 int Fault::calls(const char* name)
@@ -267,7 +303,7 @@ void Fault::clear()
 {
     for (Point& point : points) {
         point.replacement = nullptr;
-        point.plan(0, false, 0, -1);
+        point.plan(0, 0, 0, -1);
     }
 }
 
@@ -399,6 +435,20 @@ WRAP_TRANSFER(write, (int fd, const void* data, size_t size), (fd, data, size))
 WRAP_TRANSFER(pread, (int fd, void* data, size_t size, off_t at), (fd, data, size, at))
 WRAP_TRANSFER(pwrite, (int fd, const void* data, size_t size, off_t at), (fd, data, size, at))
 #undef WRAP_TRANSFER
+
+int __wrap_fprintf(FILE* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+int __wrap_fprintf(FILE* file, const char* format, ...)
+{
+    Point& p = points[at_fprintf];
+    if (p.hit())
+        return with_errno(p, -1);
+    va_list args;
+    va_start(args, format);
+    const int count = __real_vfprintf(file, format, args);
+    va_end(args);
+    return count;
+}
 
 // ---- Allocation under a tag: a failure of the public functions jumps if the tag says so. ----
 

@@ -37,6 +37,8 @@ class Fault {
     static void shorten_nth(const char* name, int nth, std::size_t bytes, bool forever = false);
     // The plain form of a plan; it stays in force until clear().
     static void fail_nth(const char* name, int nth, bool forever = false, int error = 0);
+    // The same for `count` calls from the `nth` on, after which they pass again.
+    static void fail_run(const char* name, int nth, int count, int error = 0);
     // Puts `function`, which must have the real one's type, in its place until clear().
     template <class Function>
     static void replace(const char* name, Function* function)
