@@ -73,7 +73,7 @@ ZYN_RETCODE psp_threadBeginEx(PSP_THREAD_FCN fcn, uint32_t stacksize, void* arg,
         return ePSP_FAILURE;
     *record = {fcn, arg};
 
-    pthread_attr_t attr;
+    pthread_attr_t attr{}; // all zero are the defaults, should the system refuse to fill it
     pthread_attr_init(&attr);
     setAttributes(&attr, stacksize, priority);
     const int result = createWithoutSignals(&pThread->id, &attr, record);

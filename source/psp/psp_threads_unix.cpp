@@ -114,7 +114,7 @@ void initMutex(PSP_MUTEX_ENTRY& m)
 void initEvent(PSP_EVENT_ENTRY& e)
 {
     pthread_mutex_init(&e.mutex, nullptr);
-    pthread_condattr_t attr;
+    pthread_condattr_t attr{}; // all zero are the defaults, should the system refuse to fill it
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, waitClock());
     pthread_cond_init(&e.cond, &attr);
