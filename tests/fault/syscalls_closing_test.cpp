@@ -43,7 +43,7 @@ constexpr Excused excused[] = {
 };
 
 // What builds of their own kinds add for themselves.
-constexpr const char* instrumentation[] = {"__asan_", "__ubsan_",         "__tsan_",
+constexpr const char* instrumentation[] = {"__asan_", "__ubsan_",        "__tsan_",
                                            "__gcov_", "__llvm_profile_", "__sanitizer_"};
 
 bool is_instrumentation(const std::string& name)

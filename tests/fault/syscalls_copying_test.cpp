@@ -185,8 +185,14 @@ long compare_result(const Failure& failure)
 template <const std::string* old, int at>
 constexpr CopyRow copy_row(const char* name)
 {
-    return {name, calls[at], copy<old>, sOKAY, copy_result<old, at>, copy_errno<old, at>,
-            copy_left<old, at>, complete};
+    return {name,
+            calls[at],
+            copy<old>,
+            sOKAY,
+            copy_result<old, at>,
+            copy_errno<old, at>,
+            copy_left<old, at>,
+            complete};
 }
 
 template <const std::string* bytes>

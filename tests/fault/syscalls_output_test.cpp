@@ -1,5 +1,6 @@
 // Output stacks, printing and logging with every call of the system failing in every way: no
-// message is printed twice or out of order, and none is lost but those that a closed file took along.
+// message is printed twice or out of order, and none is lost but those that a closed file took
+// along.
 #include "support/call_faults.h"
 #include "support/text_test.h"
 

@@ -1,5 +1,5 @@
-// Paths, directories, scans, the temporary directory and files by name with every call of the system
-// failing in every way.
+// Paths, directories, scans, the temporary directory and files by name with every call of the
+// system failing in every way.
 #include "support/call_faults.h"
 
 #include "psp/fileutil.h"

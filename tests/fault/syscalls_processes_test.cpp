@@ -75,8 +75,8 @@ struct Daemon {
         int ends[2];
         if (pipe2(ends, O_NONBLOCK) != 0)
             return -2;
-        psp_daemonComplete(
-            reinterpret_cast<PSP_DAEMON_CTX>(static_cast<std::intptr_t>(ends[1])), eNOMEMORY);
+        psp_daemonComplete(reinterpret_cast<PSP_DAEMON_CTX>(static_cast<std::intptr_t>(ends[1])),
+                           eNOMEMORY);
         const int error = errno;
         EXPECT_EQ(fcntl(ends[1], F_GETFD), -1) << "closed whatever happened";
         ZYN_RETCODE code = sOKAY;
@@ -95,8 +95,9 @@ struct Daemon {
                 "fork", +[]() -> pid_t { return 0; });
             PSP_DAEMON_CTX ctx = nullptr;
             const ZYN_RETCODE rc = psp_daemonStart("testd", &ctx);
-            const bool met = Fault::failures("setsid") + Fault::failures("fclose") +
-                                 Fault::failures("close") > 0;
+            const bool met =
+                Fault::failures("setsid") + Fault::failures("fclose") + Fault::failures("close") >
+                0;
             psp_daemonComplete(ctx, sOKAY);
             return rc == sCHILD && psp_background == 1 ? (met ? 2 : 1) : 0;
         });
@@ -171,8 +172,7 @@ TEST_P(DaemonCalls, FailAsToldAndNothingIsLost)
     drive(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, DaemonCalls, ::testing::ValuesIn(daemon_rows),
-                         name_of_row<Daemon>);
+INSTANTIATE_TEST_SUITE_P(Every, DaemonCalls, ::testing::ValuesIn(daemon_rows), name_of_row<Daemon>);
 
 // ---- Messages of every length ----
 
@@ -184,8 +184,9 @@ TEST_F(DaemonMessage, CountsOnlyWhenItIsReadWhole)
         Daemon daemon;
         Fault::shorten_nth("read", 1, size);
         EXPECT_EQ(daemon.start(eRANGE), size == 4 ? eRANGE : ePSP_FAILURE);
-        const std::string insufficient = "testd: error: Child failed with insufficient information " +
-                                         std::to_string(size) + ".\n";
+        const std::string insufficient =
+            "testd: error: Child failed with insufficient information " + std::to_string(size) +
+            ".\n";
         EXPECT_EQ(daemon.printed(), size == 4   ? ""
                                     : size == 0 ? "testd: error: Child terminated with exit 0.\n"
                                                 : insufficient);
@@ -223,7 +224,8 @@ struct Module {
     Module(const Module&) = delete;
     Module& operator=(const Module&) = delete;
 
-    // The record of an unloaded module stays with the global tag: here it must not look like a loss.
+    // The record of an unloaded module stays with the global tag: here it must not look like a
+    // loss.
     void forget()
     {
         release(module->name, PSP_GLOBAL_TAG);
@@ -289,8 +291,7 @@ TEST_P(ModuleCalls, FailAsToldAndNothingIsLost)
     drive(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, ModuleCalls, ::testing::ValuesIn(module_rows),
-                         name_of_row<Module>);
+INSTANTIATE_TEST_SUITE_P(Every, ModuleCalls, ::testing::ValuesIn(module_rows), name_of_row<Module>);
 
 TEST(ProcessCallsTable, HasARowForEveryCall)
 {

@@ -1,5 +1,5 @@
-// Start and stop of the library, and the logging before it, with every call of the system failing in
-// every way.
+// Start and stop of the library, and the logging before it, with every call of the system failing
+// in every way.
 #include "support/call_faults.h"
 
 #include "psp/core.h"

@@ -238,7 +238,7 @@ long create_log()
 constexpr ThreadRow tag_row(const char* name, long (*run)(Threads&), long success,
                             long (*expected)(const Failure&))
 {
-    return {name,    "pthread_setspecific", run, success, expected, unsaid, nullptr, nullptr,
+    return {name,      "pthread_setspecific", run, success, expected, unsaid, nullptr, nullptr,
             with_a_tag};
 }
 
@@ -255,10 +255,10 @@ const ThreadRow rows[] = {
      mask_kept},
     {"psp_threadBeginEx", "pthread_attr_setinheritsched", begin_with_all, sOKAY, always<sOKAY>,
      unsaid, mask_kept},
-    {"psp_threadBeginEx", "pthread_attr_getschedparam", begin_with_all, sOKAY, always<sOKAY>, unsaid,
-     mask_kept},
-    {"psp_threadBeginEx", "pthread_attr_setschedparam", begin_with_all, sOKAY, always<sOKAY>, unsaid,
-     mask_kept},
+    {"psp_threadBeginEx", "pthread_attr_getschedparam", begin_with_all, sOKAY, always<sOKAY>,
+     unsaid, mask_kept},
+    {"psp_threadBeginEx", "pthread_attr_setschedparam", begin_with_all, sOKAY, always<sOKAY>,
+     unsaid, mask_kept},
     {"psp_threadBeginEx", "pthread_attr_destroy", begin_with_all, sOKAY, always<sOKAY>, unsaid,
      mask_kept},
     {"psp_threadJoin", "pthread_join", [](Threads& w) { return w.join(); },
@@ -269,7 +269,8 @@ const ThreadRow rows[] = {
     {"psp_syncCreate mutex", "pthread_mutex_init", make<PSP_SEM_MUTEX>, 1, always<1>, unsaid},
     {"psp_syncCreate event", "pthread_mutex_init", make<PSP_SEM_EVENT>, 1, always<1>, unsaid},
     {"psp_syncCreate event", "pthread_cond_init", make<PSP_SEM_EVENT>, 1, always<1>, unsaid},
-    {"psp_syncCreate event", "pthread_condattr_init", use_event, sTIMEOUT, always<sTIMEOUT>, unsaid},
+    {"psp_syncCreate event", "pthread_condattr_init", use_event, sTIMEOUT, always<sTIMEOUT>,
+     unsaid},
     {"psp_syncCreate event", "pthread_condattr_setclock", use_event, sTIMEOUT, always<sTIMEOUT>,
      unsaid},
 

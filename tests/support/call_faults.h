@@ -1,8 +1,9 @@
 // The driver of the tests in which every call of the system fails: a row is one operation of the
 // library and one call that it makes. The operation runs with the n-th of these calls failing, for
 // n = 1, 2, … until a run needs fewer, once and from there on, with each error that the call can
-// have (many times instead, where the library makes the call anew). After every run the row's own table says what the operation had to give, errno, and what
-// had to be left behind; nothing may be lost or locked, and the same operation then succeeds.
+// have (many times instead, where the library makes the call anew). After every run the row's own
+// table says what the operation had to give, errno, and what had to be left behind; nothing may be
+// lost or locked, and the same operation then succeeds.
 #pragma once
 
 #include "support/fault_test.h"

@@ -1,5 +1,5 @@
-// The calls of the operating system and the C library that the library makes and that can fail, each
-// with every error that its manual page lists, and the suites that make it fail everywhere.
+// The calls of the operating system and the C library that the library makes and that can fail,
+// each with every error that its manual page lists, and the suites that make it fail everywhere.
 //
 // A call that is new in the library gets its row here, and rows in the suites that it names: the
 // suites check that they drive what this table says, and syscalls_closing_test that the table has
@@ -46,8 +46,8 @@ inline constexpr int errors_of_write[] = {
 inline constexpr int errors_of_pread[] = {
     EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR, ENXIO, EOVERFLOW, ESPIPE};
 inline constexpr int errors_of_pwrite[] = {
-    EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG, EINTR, EINVAL, EIO, ENOSPC, ENXIO, EOVERFLOW,
-    EPERM, EPIPE, ESPIPE};
+    EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG, EINTR, EINVAL, EIO, ENOSPC, ENXIO,
+    EOVERFLOW, EPERM, EPIPE, ESPIPE};
 inline constexpr int errors_of_lseek[] = {EBADF, EINVAL, ENXIO, EOVERFLOW, ESPIPE};
 inline constexpr int errors_of_fsync[] = {EBADF, EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS};
 inline constexpr int errors_of_ftruncate[] = {
