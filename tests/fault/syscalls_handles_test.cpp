@@ -49,6 +49,7 @@ struct OpenFile {
         write_file(path, original);
         write_file(locked_path, original);
         handle = psp_fileOpen(path.c_str(), O_RDWR, 0);
+        standard = psp_fileOpen("stdout", O_RDWR, 0);
         locked = psp_fileOpen(locked_path.c_str(), O_RDWR, 0);
         EXPECT_EQ(psp_fileLock(locked), sOKAY);
         Fault::replace("fsync", synced);
@@ -63,6 +64,7 @@ struct OpenFile {
     {
         psp_fileClose(handle);
         psp_fileClose(locked);
+        psp_fileClose(standard);
         Fault::clear();
     }
     OpenFile(const OpenFile&) = delete;
@@ -95,6 +97,8 @@ struct OpenFile {
     const std::string new_path = dir / "new";
     PSP_FH handle;
     PSP_FH locked;
+    CapturedFd output{1};
+    PSP_FH standard;
     char bytes[8] = "-------";
     std::size_t count = 77;
     PSP_FILE_OFFSET offset = 77;
@@ -280,6 +284,27 @@ const HandleRow rows[] = {
          if (f != nullptr)
              unchanged(w, f);
      }},
+
+    // ---- The standard streams, which are reached by the same calls ----
+    {"psp_fileWrite to stdout", "write",
+     [](OpenFile& w) -> long { return psp_fileWrite(w.standard, "abcd", 4); },
+     4, always<0>, kept,
+     [](OpenFile& w, const Failure* f) { EXPECT_EQ(w.output.text(), f ? "" : "abcd"); }},
+    {"psp_fileSeekRead of stdout", "pread",
+     [](OpenFile& w) -> long {
+         EXPECT_EQ(::pwrite(1, "abcd", 4, 0), 4);
+         errno = 0;
+         return psp_fileSeekRead(w.standard, 1, w.bytes, 2);
+     },
+     2, always<0>},
+    {"psp_fileLength of stdout", "fstat",
+     [](OpenFile& w) -> long {
+         EXPECT_EQ(::pwrite(1, "abcd", 4, 0), 4);
+         return static_cast<long>(psp_fileLength(w.standard));
+     },
+     4, always<0>},
+    {"psp_fileSync of stdout", "fsync",
+     [](OpenFile& w) -> long { return psp_fileSync(w.standard); }, sOKAY, always<ePSP_FAILURE>},
 
     // ---- Locks ----
     {"psp_fileLock", "flock",

@@ -54,6 +54,8 @@ struct Redirected {
     const std::string log = dir / "log";
     const std::string other = dir / "other";
     CapturedFd standard{1};
+    CapturedFd errors{2};
+    std::string printed_errors;
 };
 
 using OutputRow = Row<Redirected>;
@@ -187,6 +189,31 @@ const OutputRow rows[] = {
          return 0;
      },
      0, always<0>, unsaid, logged, logged_twice},
+    {"psp_logEx", "write", // with stacks of its own, which end with what they hold
+     [](Redirected& w) -> long {
+         PSP_LOG_CTX ctx;
+         EXPECT_EQ(psp_log_initCtx(&ctx), sOKAY);
+         EXPECT_EQ(psp_log_openEx(&ctx, w.other.c_str()), sOKAY);
+         const long count = psp_logEx(&ctx, "line\n");
+         psp_log_termCtx(&ctx);
+         return count;
+     },
+     5, always<5>, unsaid,
+     [](Redirected& w, const Failure* f) {
+         const bool shown = f == nullptr || !f->forever; // the end of the stack tries once more
+         EXPECT_EQ(w.standard.text(), shown || f->n > 1 ? "line\n" : "");
+         EXPECT_EQ(read_file(w.other).size(), shown ? time_prefix + 5 : 0);
+     }},
+    {"psp_printfErrV and psp_flushErr", "write",
+     [](Redirected& w) -> long {
+         const long count = print_err("line\n");
+         psp_flushErr();
+         w.printed_errors = w.errors.text();
+         return count;
+     },
+     5, always<5>, unsaid,
+     [](Redirected& w, const Failure* f) { EXPECT_EQ(w.printed_errors, f ? "" : "line\n"); },
+     [](Redirected& w, const Failure*) { EXPECT_EQ(w.printed_errors, "line\nline\n"); }},
     {"psp_log_with_time", "write",
      [](Redirected&) -> long { return psp_log_with_time("line\n"); },
      time_prefix + 5, always<time_prefix + 5>, unsaid,
@@ -195,12 +222,10 @@ const OutputRow rows[] = {
          EXPECT_EQ(w.log_text(), f && f->hits(2) ? "" : "line\n");
      }},
     {"psp_log_err", "write",
-     [](Redirected&) -> long {
-         CapturedFd errors(2);
-         return psp_log_err("line\n");
-     },
+     [](Redirected&) -> long { return psp_log_err("line\n"); },
      5, always<5>, unsaid,
      [](Redirected& w, const Failure* f) {
+         EXPECT_EQ(w.errors.text(), f && f->hits(1) ? "" : "line\n");
          EXPECT_EQ(w.log_text(), f && f->hits(2) ? "" : "line\n");
      },
      [](Redirected& w, const Failure*) { EXPECT_EQ(w.log_text(), "line\nline\n"); }},

@@ -6,6 +6,8 @@
 #include "psp/output.h"
 #include "psp/time.h"
 
+#include <string>
+
 using namespace psptest;
 
 namespace {
@@ -37,6 +39,8 @@ struct Stopped {
         return rc;
     }
 
+    TempDir dir;
+    const std::string path = dir / "out";
     CapturedFd out{1};
     std::int32_t choice;
     std::int32_t clock = 77;
@@ -47,6 +51,17 @@ using StartRow = Row<Stopped>;
 long start(Stopped& w)
 {
     return w.start();
+}
+
+// Prints into a file and stops with the text still waiting.
+long print_and_stop(Stopped& w)
+{
+    const ZYN_RETCODE rc = psp_init();
+    EXPECT_EQ(psp_stdout_openEx(nullptr, w.path.c_str()), sOKAY);
+    EXPECT_EQ(psp_printf("line\n"), 5);
+    psp_term();
+    EXPECT_EQ(psp_inited, 0);
+    return rc;
 }
 
 // clang-format off
@@ -62,6 +77,11 @@ const StartRow rows[] = {
          EXPECT_EQ(w.clock, f ? -1 : sysconf(_SC_CLOCK_SELECTION));
      }},
     {"psp_term", "pthread_key_delete", start, sOKAY, always<sOKAY>, unsaid},
+    {"psp_term", "write", print_and_stop, sOKAY, always<sOKAY>, unsaid,
+     [](Stopped& w, const Failure* f) { EXPECT_EQ(read_file(w.path), f ? "" : "line\n"); },
+     [](Stopped& w, const Failure*) { EXPECT_EQ(read_file(w.path), "line\n"); }},
+    {"psp_term", "close", print_and_stop, sOKAY, always<sOKAY>, unsaid,
+     [](Stopped& w, const Failure*) { EXPECT_EQ(read_file(w.path), "line\n"); }},
     {"psp_log before the start", "vfprintf",
      [](Stopped&) -> long { return psp_log("%s\n", "line"); },
      5, always<-1>, kept,

@@ -5,6 +5,7 @@
 #include "support/call_faults.h"
 #include "support/text_test.h"
 
+#include "psp/output.h"
 #include "psp/stream.h"
 
 #include <string>
@@ -285,6 +286,14 @@ const StreamRow rows[] = {
          long count = 0;
          for (const char ch : text)
              count += psp_fputc(ch, writer);
+         psp_fclose(writer);
+         return count;
+     },
+     3000, always<3000>, unsaid, fresh_written, fresh_whole},
+    {"psp_fprintf", "write",
+     [](Streams& w) -> long {
+         const PSP_FILE_STREAM writer = psp_fopen(w.fresh.c_str(), "w", PSP_FILE_MODE_UTF8);
+         const long count = psp_fprintf(writer, "%s", text.c_str());
          psp_fclose(writer);
          return count;
      },

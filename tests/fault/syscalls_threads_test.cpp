@@ -267,6 +267,22 @@ const ThreadRow rows[] = {
 
     // ---- Objects: what the system says of them counts for nothing ----
     {"psp_syncCreate mutex", "pthread_mutex_init", make<PSP_SEM_MUTEX>, 1, always<1>, unsaid},
+    {"psp_createTagEx", "pthread_mutex_init",
+     [](Threads&) -> long {
+         const PSP_MEMTAG tag = make_tag(BLOCK_ALLOCATOR, 1);
+         const bool works = get(8, tag) != nullptr;
+         destroy_tag(tag);
+         return works;
+     },
+     1, always<1>, unsaid},
+    {"psp_fileLock", "pthread_mutex_init",
+     [](Threads&) -> long {
+         const Handle handle("src");
+         const ZYN_RETCODE rc = psp_fileLock(handle);
+         psp_fileUnlock(handle);
+         return rc;
+     },
+     sOKAY, always<sOKAY>, unsaid},
     {"psp_syncCreate event", "pthread_mutex_init", make<PSP_SEM_EVENT>, 1, always<1>, unsaid},
     {"psp_syncCreate event", "pthread_cond_init", make<PSP_SEM_EVENT>, 1, always<1>, unsaid},
     {"psp_syncCreate event", "pthread_condattr_init", use_event, sTIMEOUT, always<sTIMEOUT>,

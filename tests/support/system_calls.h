@@ -105,9 +105,10 @@ inline constexpr int errors_of_strerror_r[] = {EINVAL, ERANGE};
 inline constexpr SystemCall system_calls[] = {
     {"open",          errors_of_open, in_handles | in_streams | in_output | in_paths | in_copying},
     {"close",         errors_of_close,
-     in_handles | in_streams | in_output | in_paths | in_copying | in_processes},
+     in_handles | in_streams | in_output | in_paths | in_copying | in_processes | in_start},
     {"read",          errors_of_read, in_handles | in_streams | in_processes, EINTR},
-    {"write",         errors_of_write, in_handles | in_streams | in_output | in_processes, EINTR},
+    {"write",         errors_of_write, in_handles | in_streams | in_output | in_processes | in_start,
+     EINTR},
     {"pread",         errors_of_pread, in_handles | in_copying, EINTR},
     {"pwrite",        errors_of_pwrite, in_handles | in_copying, EINTR},
     {"lseek",         errors_of_lseek, in_handles},
