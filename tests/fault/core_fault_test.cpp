@@ -274,16 +274,6 @@ TEST_F(StartFault, RaisesTheLimitOfDescriptors)
     }
 }
 
-TEST_F(StartFault, GoesOnWithTheLimitThatThereIs)
-{
-    for (const char* function : {"getrlimit", "setrlimit"}) {
-        Fault fault(function, 1, true);
-        ASSERT_EQ(psp_init(), sOKAY) << function;
-        EXPECT_EQ(fault.failures(), 1);
-        psp_term();
-    }
-}
-
 // ---- The clock ----
 
 long answer_of_sysconf;

@@ -170,48 +170,6 @@ TEST_F(FileFault, PrimitivesCallEvenForNothing)
 
 // ---- Interruptions ----
 
-// A transfer that signals interrupt so many times before it does its work.
-int interruptions = 0;
-
-template <auto real>
-struct Interrupted;
-template <class... Args, ssize_t (*real)(Args...)>
-struct Interrupted<real> {
-    static ssize_t call(Args... args)
-    {
-        if (interruptions-- <= 0)
-            return real(args...);
-        errno = EINTR;
-        return -1;
-    }
-};
-
-TEST_F(FileFault, InterruptedTransfersAreRepeated)
-{
-    Fault::replace("read", Interrupted<__real_read>::call);
-    Fault::replace("write", Interrupted<__real_write>::call);
-    Fault::replace("pread", Interrupted<__real_pread>::call);
-    Fault::replace("pwrite", Interrupted<__real_pwrite>::call);
-    const auto interrupted = [](int times, const char* name, auto transfer) {
-        const Fault counted(name);
-        interruptions = times;
-        transfer();
-        EXPECT_EQ(counted.calls(), times + 1) << name;
-    };
-    for (const int times : {0, 1, 2, 1000}) {
-        const Handle handle(path_, O_RDWR);
-        char bytes[4] = {};
-        interrupted(times, "read", [&] { EXPECT_EQ(psp_fileRead(handle, bytes, 4), 4u); });
-        EXPECT_EQ(std::string(bytes, 4), "0123");
-        interrupted(times, "write", [&] { EXPECT_EQ(psp_fileWrite(handle, "abcd", 4), 4u); });
-        interrupted(times, "pread", [&] { EXPECT_EQ(psp_fileSeekRead(handle, 3, bytes, 4), 4u); });
-        EXPECT_EQ(std::string(bytes, 4), "3abc");
-        interrupted(times, "pwrite",
-                    [&] { EXPECT_EQ(psp_fileSeekWrite(handle, 4, "4567", 4), 4u); });
-        EXPECT_EQ(read_file(path_), "0123456789");
-    }
-}
-
 TEST_F(FileFault, NothingElseIsRepeated)
 {
     const Handle handle(path_, O_RDWR);
@@ -270,20 +228,6 @@ TEST_F(FileFault, AnOldInterruptionIsNotTakenForANewOne)
 
 // ---- Short transfers ----
 
-TEST_F(FileFault, ShortReadsAreGivenAsTheyAre)
-{
-    const Handle handle(path_);
-    char bytes[16];
-    Fault::shorten_nth("read", 1, 3);
-    EXPECT_EQ(psp_fileRead(handle, bytes, 16), 3u);
-    EXPECT_EQ(Fault::calls("read"), 1);
-    EXPECT_EQ(psp_fileRead(handle, bytes, 16), 7u);
-    Fault::shorten_nth("pread", 1, 2);
-    EXPECT_EQ(psp_fileSeekRead(handle, 4, bytes, 16), 2u);
-    EXPECT_EQ(Fault::calls("pread"), 1);
-    EXPECT_EQ(std::string(bytes, 2), "45");
-}
-
 TEST_F(FileFault, ShortWritesGoOn)
 {
     const Handle handle(path_, O_RDWR);
@@ -296,36 +240,6 @@ TEST_F(FileFault, ShortWritesGoOn)
     EXPECT_EQ(psp_fileSeekWrite(handle, 1, "12345678", 8), 8u);
     EXPECT_EQ(trace.take(), (Lines{"pwrite ? 3 at 1", "pwrite ? 3 at 4", "pwrite ? 2 at 7"}));
     EXPECT_EQ(read_file(path_), "a123456789"); // 'a', then eight digits, then the old last
-}
-
-TEST_F(FileFault, WritesThatMoveNothingGoOn)
-{
-    const Handle handle(path_, O_RDWR);
-    Fault::shorten_nth("write", 1, 0);
-    EXPECT_EQ(psp_fileWrite(handle, "ab", 2), 2u);
-    EXPECT_EQ(Fault::calls("write"), 2);
-    Fault::shorten_nth("pwrite", 2, 0);
-    EXPECT_EQ(psp_fileSeekWrite(handle, 2, "cd", 2), 2u);
-    EXPECT_EQ(Fault::calls("pwrite"), 1);
-    EXPECT_EQ(read_file(path_), "abcd456789");
-}
-
-TEST_F(FileFault, AWriteThatFailsAfterItsFirstPieceFailsWhole)
-{
-    const Handle handle(path_, O_RDWR);
-    static int calls;
-    calls = 0;
-    Fault::replace(
-        "write", +[](int fd, const void* data, std::size_t) -> ssize_t {
-            if (++calls == 1)
-                return __real_write(fd, data, 2);
-            errno = ENOSPC;
-            return -1;
-        });
-    EXPECT_EQ(psp_fileWrite(handle, "abcd", 4), 0u);
-    EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(read_file(path_), "ab23456789");
 }
 
 TEST_F(FileFault, CountsOfReadsHave32Bits)
@@ -361,59 +275,6 @@ TEST_F(FileFault, CountsOfReadsHave32Bits)
 
 // ---- Failures ----
 
-TEST_F(FileFault, FailedTransfersGiveNothing)
-{
-    const Handle handle(path_, O_RDWR);
-    char bytes[4] = {};
-    const auto fails = [](const char* name, int error, auto operation) {
-        const Fault fault(name, 1, false, error);
-        EXPECT_EQ(operation(), 0u) << name;
-        EXPECT_EQ(fault.calls(), 1) << name;
-        EXPECT_EQ(errno, error) << name;
-    };
-    fails("read", EIO, [&] { return psp_fileRead(handle, bytes, 4); });
-    fails("pread", EIO, [&] { return psp_fileSeekRead(handle, 0, bytes, 4); });
-    fails("write", ENOSPC, [&] { return psp_fileWrite(handle, bytes, 4); });
-    fails("pwrite", EAGAIN, [&] { return psp_fileSeekWrite(handle, 0, bytes, 4); });
-    fails("fstat", EIO, [&] { return psp_fileLength(handle); });
-    EXPECT_EQ(psp_fileRead(handle, bytes, 4), 4u) << "nothing has moved";
-    EXPECT_EQ(std::string(bytes, 4), "0123");
-}
-
-TEST_F(FileFault, AdviceAndUnlockingNeverFail)
-{
-    const Handle handle(path_, O_RDWR);
-    const Fault advise("posix_fadvise", 1, true);
-    const Fault allocate("fallocate", 1, true, EOPNOTSUPP);
-    EXPECT_EQ(psp_filePageOut(handle, 0, 10), sOKAY);
-    EXPECT_EQ(f_.punch_hole(handle->handle, 0, 10), sOKAY);
-    EXPECT_EQ(psp_fileLock(handle), sOKAY);
-    const Fault lock("flock", 1, true);
-    psp_fileUnlock(handle);
-    EXPECT_EQ(lock.calls(), 1);
-    EXPECT_EQ(advise.failures(), 1);
-    EXPECT_EQ(allocate.failures(), 1);
-}
-
-int closed_badly(int fd)
-{
-    __real_close(fd);
-    errno = EIO;
-    return -1;
-}
-
-TEST_F(FileFault, ClosingKeepsErrnoEvenWhenItFails)
-{
-    Fault::replace("close", closed_badly);
-    const PSP_FH handle = psp_fileOpen(path_.c_str(), O_RDWR, 0);
-    ASSERT_NE(handle, nullptr);
-    const Fault closing("close");
-    errno = 1234;
-    psp_fileClose(handle);
-    EXPECT_EQ(errno, 1234);
-    EXPECT_EQ(closing.calls(), 1);
-}
-
 template <int fd>
 int opened_as(const char*, int, ...)
 {
@@ -433,16 +294,6 @@ TEST_F(FileFault, DescriptorZeroIsNotClosed)
     EXPECT_EQ(closing.calls(), 0);
     psp_fileClose(other);
     EXPECT_EQ(closing.calls(), 1);
-}
-
-TEST_F(FileFault, OpeningThatFailsTakesNothing)
-{
-    expect_no_growth([this] {
-        const Fault fault("open", 1, false, EMFILE);
-        errno = 0;
-        EXPECT_EQ(psp_fileOpen(path_.c_str(), O_RDWR, 0), nullptr);
-        EXPECT_EQ(errno, EMFILE);
-    });
 }
 
 TEST_F(FileFault, EchoIsSetOnATerminalOnly)

@@ -8,7 +8,6 @@
 #include "psp/tmpdir.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <random>
 #include <string>
 #include <vector>
@@ -201,22 +200,6 @@ TEST_F(FileUtilFault, RemovingAndAskingAreOneCall)
 
 // ---- Failing transfers ----
 
-TEST_F(FileUtilFault, CopyingFailsWithTheSourceAndOverwritesWhereTheDestinationFails)
-{
-    const std::string src(3000, 'x');
-    for (const bool forever : {false, true}) {
-        const int reads = fail_every_call("pread", forever, [&](Fault& fault, int n) {
-            const ZYN_RETCODE rc = copy(src, src); // source and destination read in turn
-            if (fault.failures() == 0)
-                return;
-            const bool source_fails = n % 2 == 1 || (forever && n < 6);
-            EXPECT_EQ(rc, source_fails ? ePSP_FAILURE : sOKAY) << n;
-            EXPECT_EQ(read_file(dest_), src);
-        });
-        EXPECT_EQ(reads, 6);
-    }
-}
-
 TEST_F(FileUtilFault, CopyingWritesABlockThatCouldNotBeCompared)
 {
     const std::string src(2048, 'x');
@@ -228,41 +211,6 @@ TEST_F(FileUtilFault, CopyingWritesABlockThatCouldNotBeCompared)
     EXPECT_EQ(copy(src, src), sOKAY);
     EXPECT_EQ(writes.calls(), 2);
     EXPECT_EQ(read_file(dest_), src);
-}
-
-TEST_F(FileUtilFault, CopyingStopsAtAFailedWrite)
-{
-    const std::string src(3000, 'x');
-    const int writes = fail_every_call("pwrite", false, [&](const Fault& fault, int n) {
-        const Fault sized("ftruncate");
-        const ZYN_RETCODE rc = copy(src, "0123");
-        EXPECT_EQ(rc, fault.failures() > 0 ? ePSP_FAILURE : sOKAY) << n;
-        EXPECT_EQ(sized.calls(), fault.failures() > 0 ? 0 : 1);
-        const std::string written = src.substr(0, static_cast<std::size_t>(n - 1) * block);
-        EXPECT_EQ(read_file(dest_), written.empty() ? "0123" : written) << "what came before";
-    });
-    EXPECT_EQ(writes, 3);
-    const Fault sized("ftruncate", 1);
-    EXPECT_EQ(copy("abc", "abcdef"), ePSP_FAILURE);
-    EXPECT_EQ(read_file(dest_), "abcdef");
-}
-
-TEST_F(FileUtilFault, CopyingGoesOnAfterShortTransfers)
-{
-    std::mt19937 random(5);
-    const std::string src = random_bytes(random, 3000);
-    for (const std::size_t most : {1u, 100u, 1023u}) {
-        Fault::shorten_nth("pread", 1, most, true);
-        Fault::shorten_nth("pwrite", 1, most, true);
-        EXPECT_EQ(copy(src, "old"), sOKAY);
-        EXPECT_EQ(read_file(dest_), src);
-        EXPECT_EQ(compare(), sOKAY);
-    }
-    for (int n = 1; n < 7; n++) {
-        Fault::shorten_nth("pread", n, 500);
-        EXPECT_EQ(copy(src, src + "tail"), sOKAY);
-        EXPECT_EQ(read_file(dest_), src);
-    }
 }
 
 TEST_F(FileUtilFault, CopyingFailsWhenTheSourceShrinks)
@@ -280,71 +228,6 @@ TEST_F(FileUtilFault, CopyingWithoutTheDestinationsLengthWritesAll)
     EXPECT_EQ(copy(src, src + "tail"), sOKAY);
     EXPECT_EQ(writes.calls(), 2);
     EXPECT_EQ(read_file(dest_), src);
-}
-
-TEST_F(FileUtilFault, ComparingTakesAFailedReadForTheEnd)
-{
-    write_file(src_, std::string(1500, 'x'));
-    write_file(dest_, std::string(1500, 'x'));
-    // Source and destination in turn: two blocks, then the source's end and one byte more.
-    const ZYN_RETCODE expected[] = {
-        ePSP_FAILURE, // the source ends at 0, the destination has a byte there
-        ePSP_FAILURE, // the destination ends within the block
-        ePSP_FAILURE, // the source ends at 1024
-        ePSP_FAILURE,
-        sOKAY, // the source ends at its end
-        sOKAY, // the destination has no byte there
-    };
-    const int reads = fail_every_call("pread", false, [&](const Fault& fault, int n) {
-        const ZYN_RETCODE rc = compare();
-        EXPECT_EQ(rc, fault.failures() > 0 ? expected[n - 1] : sOKAY) << n;
-    });
-    EXPECT_EQ(reads, 6);
-}
-
-TEST_F(FileUtilFault, ErrnoTellsWhyTheSecondFileDidNotOpen)
-{
-    write_file(src_, "text");
-    for (const bool copying : {true, false}) {
-        const Fault fault("open", 2, false, EMFILE);
-        errno = 0;
-        EXPECT_EQ(copying ? copy() : compare(), copying ? ePSP_FAILURE : ePSP_NODEST);
-    }
-    const Fault fault("open", 2, false, EMFILE);
-    errno = 0;
-    EXPECT_EQ(psp_fileCopy(src_.c_str(), dest_.c_str()), ePSP_FAILURE);
-    EXPECT_EQ(errno, EMFILE);
-}
-
-TEST_F(FileUtilFault, AskingTellsAMissingFileFromOthers)
-{
-    write_file(src_, "text");
-    const auto ask = [this](int error) {
-        time64_t when = 77;
-        const Fault fault("stat", 1, false, error);
-        const ZYN_RETCODE rc = psp_fileModTimeStat(src_.c_str(), 0, &when);
-        EXPECT_EQ(when, 77);
-        return rc;
-    };
-    EXPECT_EQ(ask(ENOENT), eFILEOPEN);
-    for (const int error : {EIO, EACCES, ENOTDIR, ELOOP})
-        EXPECT_EQ(ask(error), eINVFILE) << error;
-    const Fault fault("stat", 1, false, EIO);
-    ZYN_BOOL_T isdir = 7;
-    EXPECT_EQ(psp_fileValidateEx(src_.c_str(), 0, &isdir), ZYN_FALSE);
-    EXPECT_EQ(isdir, 7);
-}
-
-TEST_F(FileUtilFault, RemovingFailsUnlessThereIsNothing)
-{
-    write_file(src_, "text");
-    for (const int error : {EACCES, EIO, ENOTDIR, ENOENT}) {
-        const Fault fault("remove", 1, false, error);
-        EXPECT_EQ(psp_fileRemove(src_.c_str()), error == ENOENT ? sOKAY : ePSP_FAILURE) << error;
-        EXPECT_EQ(errno, error);
-        EXPECT_EQ(fault.calls(), 1);
-    }
-    EXPECT_TRUE(file_exists(src_));
 }
 
 // ---- Memory ----

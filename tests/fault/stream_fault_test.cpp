@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -37,26 +36,6 @@ TEST_F(StreamFault, OpeningJumpsOutOfTheGlobalTagWithNothingLost)
         EXPECT_EQ(open_descriptors(), descriptors);
     });
     EXPECT_EQ(jumped, 2) << "of " << runs << ": the stream and its cache live in the global tag";
-}
-
-TEST_F(StreamFault, OpeningWhatTheSystemRefusesFails)
-{
-    for (const int error : {EACCES, EMFILE, EINTR}) {
-        Fault fault("open", 1, false, error);
-        EXPECT_EQ(psp_fopen(path_.c_str(), "w", PSP_FILE_MODE_UTF8), nullptr);
-        EXPECT_EQ(psp_errno(), error);
-        EXPECT_EQ(fault.calls(), 1); // not even an interruption is tried again
-        expect_nothing_lost();
-    }
-}
-
-TEST_F(StreamFault, AnUnknownLengthReadsToTheEnd)
-{
-    write_file(path_, std::string(3000, 'x'));
-    Fault fault("fstat", 1);
-    Stream stream(path_, "r");
-    EXPECT_EQ(fault.failures(), 1);
-    EXPECT_EQ(read_all(stream).size(), 3000u);
 }
 
 TEST_F(StreamFault, ALineThatCannotStartIsNone)
@@ -122,57 +101,6 @@ TEST_F(StreamFault, PrintingWithoutMemoryWritesNothing)
     stream.close();
     EXPECT_EQ(read_file(path_), "shortsame5" + std::string(99, ' ') + "1");
     expect_nothing_lost();
-}
-
-TEST_F(StreamFault, AFailedWriteIsNotReported)
-{
-    Stream stream(path_, "w");
-    Fault fault("write", 1, true);
-    EXPECT_EQ(psp_fputs("abc", stream), 3);
-    EXPECT_EQ(psp_fflush(stream), 0);
-    EXPECT_EQ(psp_fsync(stream), 0);
-    EXPECT_EQ(psp_fprintf(stream, "%3000d", 1), 3000);
-    EXPECT_EQ(psp_fputc('x', stream), 1);
-    stream.close();
-    EXPECT_GE(fault.failures(), 4);
-    expect_nothing_lost();
-}
-
-TEST_F(StreamFault, AFailedSyncIsNotReported)
-{
-    Stream stream(path_, "w");
-    Fault fault("fsync", 1);
-    EXPECT_EQ(psp_fsync(stream), 0);
-    EXPECT_EQ(fault.failures(), 1);
-}
-
-TEST_F(StreamFault, AFailedCloseLosesNothingElse)
-{
-    const std::size_t descriptors = open_descriptors();
-    Stream stream(path_, "w");
-    psp_fputs("abc", stream);
-    {
-        const Fault fault("close", 1);
-        stream.close();
-        EXPECT_EQ(fault.failures(), 1);
-    }
-    EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_EQ(read_file(path_), "abc");
-    expect_nothing_lost();
-}
-
-TEST_F(StreamFault, EchoIsSetAsFarAsTheTerminalLets)
-{
-    Stream stream(path_, "w");
-    Fault::replace(
-        "isatty", +[](int) { return 1; });
-    ZYN_BOOL_T is_tty = 77;
-    EXPECT_EQ(psp_fIsATTY(stream, &is_tty), sOKAY);
-    EXPECT_EQ(is_tty, ZYN_TRUE);
-    EXPECT_EQ(psp_fSetEcho(stream, ZYN_FALSE), sOKAY); // no terminal after all
-    Fault get_fault("tcgetattr", 1);
-    EXPECT_EQ(psp_fSetEcho(stream, ZYN_TRUE), sOKAY);
-    Fault::clear();
 }
 
 // ---- Files of another kind ----

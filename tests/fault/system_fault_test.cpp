@@ -121,21 +121,6 @@ TEST_F(ClockFault, UtcCountsTheFractionInTenthsOfMilliseconds)
     }
 }
 
-TEST_F(ClockFault, AFailedConversionGivesNull)
-{
-    std::tm parts{};
-    std::uint16_t fraction = 0;
-    {
-        Fault fault("gmtime_r", 1);
-        EXPECT_EQ(psp_timeUTC(&parts, &fraction), nullptr);
-    }
-    {
-        Fault fault("localtime_r", 1);
-        EXPECT_EQ(psp_timeLocaltime(0, &parts), nullptr);
-    }
-    EXPECT_EQ(psp_timeLocaltime(0, &parts), &parts);
-}
-
 // ---- Sleep ----
 
 std::vector<timespec> naps;
@@ -307,23 +292,6 @@ TEST_F(DaemonFault, ParentThatHasNoMemoryForTheLogJumpsWithBothEndsClosed)
               0);
 }
 
-TEST_F(DaemonFault, ThatCannotBeHeardIsReportedWithMinusOne)
-{
-    for (const int error : {EIO, EAGAIN, EBADF}) {
-        EXPECT_EQ(run_in_child([=] {
-                      Fault reads("read", 1, true, error);
-                      const Answer answer = start_daemon(sOKAY);
-                      EXPECT_EQ(answer.rc, ePSP_FAILURE);
-                      EXPECT_EQ(answer.err,
-                                "testd: error: Child failed with insufficient information -1.\n");
-                      EXPECT_EQ(answer.out, "");
-                      EXPECT_EQ(reads.calls(), 1);
-                      return 0;
-                  }),
-                  0);
-    }
-}
-
 TEST_F(DaemonFault, IsHeardAfterAnInterruptedRead)
 {
     EXPECT_EQ(run_in_child([] {
@@ -333,32 +301,6 @@ TEST_F(DaemonFault, IsHeardAfterAnInterruptedRead)
                   EXPECT_EQ(answer.out, "testd: Info: Started successfully\n");
                   EXPECT_EQ(answer.err, "");
                   EXPECT_EQ(reads.calls(), 2);
-                  return 0;
-              }),
-              0);
-}
-
-TEST_F(DaemonFault, ThatWasReadInPartIsAFailure)
-{
-    EXPECT_EQ(run_in_child([] {
-                  Fault::shorten_nth("read", 1, 3);
-                  const Answer answer = start_daemon(sOKAY);
-                  EXPECT_EQ(answer.rc, ePSP_FAILURE);
-                  EXPECT_EQ(answer.err,
-                            "testd: error: Child failed with insufficient information 3.\n");
-                  return 0;
-              }),
-              0);
-}
-
-TEST_F(DaemonFault, ThatCannotBeWaitedForIsReported)
-{
-    EXPECT_EQ(run_in_child([] {
-                  Fault waits("waitpid", 1);
-                  const Answer answer = start_daemon(sCHILD);
-                  EXPECT_EQ(answer.rc, ePSP_FAILURE);
-                  EXPECT_EQ(answer.err, "testd: error: Child waitpid failed.\n");
-                  EXPECT_EQ(waits.calls(), 1);
                   return 0;
               }),
               0);
@@ -376,16 +318,6 @@ TEST_F(DaemonFault, InAnyOtherStateIsNotReported)
                   const Answer answer = start_daemon(sCHILD);
                   EXPECT_EQ(answer.rc, ePSP_FAILURE);
                   EXPECT_EQ(answer.out + answer.err, "");
-                  return 0;
-              }),
-              0);
-}
-
-TEST_F(DaemonFault, ThatCannotLeadASessionStartsNevertheless)
-{
-    EXPECT_EQ(run_in_child([] {
-                  Fault sessions("setsid", 1);
-                  EXPECT_EQ(start_daemon(sOKAY).rc, sOKAY);
                   return 0;
               }),
               0);
@@ -434,50 +366,7 @@ TEST_F(DaemonFault, CompletionSendsFourBytesAndCloses)
     EXPECT_EQ(back.received(), no_memory);
 }
 
-int interruptions;
-
-ssize_t interrupted_write(int fd, const void* data, std::size_t size)
-{
-    if (interruptions-- > 0) {
-        errno = EINTR;
-        return -1;
-    }
-    return syscall(SYS_write, fd, data, size);
-}
-
-TEST_F(DaemonFault, CompletionIsRepeatedWhileItIsInterrupted)
-{
-    const WayBack back;
-    interruptions = 3;
-    Fault::replace("write", interrupted_write);
-    psp_daemonComplete(back.ctx(), eNOMEMORY);
-    Fault::clear();
-    EXPECT_EQ(back.received(), no_memory);
-}
-
-TEST_F(DaemonFault, CompletionGivesUpOnOtherErrorsAndOnAShortWrite)
-{
-    {
-        const WayBack back;
-        Fault writes("write", 1, true, EIO);
-        psp_daemonComplete(back.ctx(), eNOMEMORY);
-        EXPECT_EQ(writes.calls(), 1);
-        EXPECT_EQ(back.received(), "");
-    }
-    const WayBack back;
-    Fault::shorten_nth("write", 1, 2);
-    psp_daemonComplete(back.ctx(), eNOMEMORY);
-    EXPECT_EQ(Fault::calls("write"), 1);
-    EXPECT_EQ(back.received(), no_memory.substr(0, 2));
-}
-
 // ---- Processors ----
-
-TEST_F(SystemFault, AnUnknownNumberOfProcessorsIsAtLeastOne)
-{
-    Fault fault("sysconf", 1);
-    EXPECT_EQ(psp_getcpucount(), 1u);
-}
 
 TEST_F(SystemFault, TheNumberOfProcessorsIsThatOfThoseOnline)
 {
@@ -588,17 +477,6 @@ TEST_F(ModuleFault, WithoutMemoryJumpsOnlyWhenNothingIsHalfDone)
             EXPECT_EQ(usage(), before) << "allocation " << n;
         }
     }
-}
-
-TEST_F(ModuleFault, ThatIsNotFoundLeavesNothing)
-{
-    make_thread_tag();
-    const Usage before = usage();
-    PSP_MOD_CTX* module = nullptr;
-    Fault fault("dlopen", 1, true);
-    EXPECT_EQ(psp_load("x", &module), sNOTFOUND);
-    EXPECT_EQ(module, nullptr);
-    EXPECT_EQ(usage(), before);
 }
 
 TEST_F(ModuleFault, ThatCannotBeUnloadedStaysUsable)
