@@ -3,7 +3,8 @@
 // library calls them. Each counts its calls, fails when the plan says so, and otherwise does what
 // the real one does. Without a plan nothing changes.
 //
-// To wrap one more function: a row in faults.cpp and its name in wrapped.txt.
+// To wrap one more function: a row in faults.cpp and its name in wrapped.txt; and where the library
+// makes that call, its errors in support/system_calls.h, which then asks for rows that drive it.
 #pragma once
 
 #include <cstddef>
