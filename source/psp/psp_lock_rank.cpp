@@ -5,8 +5,6 @@
 
 #include "psp_lock_rank.h"
 
-#ifdef PSP_CHECKED
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -91,5 +89,3 @@ int psp_ranksHeld()
 {
     return num_held;
 }
-
-#endif

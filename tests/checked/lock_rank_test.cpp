@@ -1,7 +1,6 @@
 // The watch over the order of locks, which a checked build keeps: every order that could end in a
 // deadlock ends the process with a message, every other one passes, and the library's own locks are
 // the ones that are watched.
-#ifdef PSP_CHECKED
 
 #include "support/file_test.h"
 #include "support/mem_test.h"
@@ -423,5 +422,3 @@ TEST(LockRanksAtStop, AreForgottenWhenALockIsLeftAfterTheStop)
 }
 
 } // namespace
-
-#endif
