@@ -218,6 +218,15 @@ TEST_F(ExtendMem, ReturnCodeTwinStoresThePointer)
     release(grown, PSP_GLOBAL_TAG);
 }
 
+TEST_F(ExtendMem, ReturnCodeTwinNeedsAPlaceForThePointer)
+{
+    char* block = static_cast<char*>(get(4, PSP_GLOBAL_TAG, 5, "abc"));
+    EXPECT_EQ(psp_extendMem_rc(block, 9, PSP_GLOBAL_TAG, 1, 5, nullptr, nullptr, "", 0),
+              eINVNULLARG);
+    EXPECT_STREQ(block, "abc");
+    release(block, PSP_GLOBAL_TAG);
+}
+
 TEST_F(ExtendMem, FailsOnAStackTag)
 {
     PSP_MEMTAG tag = make_tag(STACK_ALLOCATOR);

@@ -387,6 +387,18 @@ TEST_F(FreeTagMem, WithoutTheTagEmptiesItAndCallsNothing)
 }
 
 // What a destroy callback found when it was called.
+TEST_F(FreeTagMem, LeavesTheTagsMutexToTheOtherThreads)
+{
+    for (const PSP_ALLOCATOR_TYPE type : all_types) {
+        PSP_MEMTAG tag = make_tag(type, 1);
+        empty_tag(tag);
+        std::thread([&] { EXPECT_NE(get(100, tag), nullptr); }).join();
+        psp_resetTag(nullptr, tag);
+        std::thread([&] { EXPECT_NE(get(100, tag), nullptr); }).join();
+        destroy_tag(tag);
+    }
+}
+
 struct CallbackView {
     PSP_MEMTAG tag;
     const char* block;

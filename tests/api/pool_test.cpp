@@ -345,6 +345,15 @@ TEST_F(Pool, TakesAMutexOnlyWithALockName)
     psp_syncDelete(next);
 }
 
+TEST_F(Pool, NeedsAPlaceForItsHandle)
+{
+    const std::size_t before = info_of(PSP_GLOBAL_TAG).used.current;
+    EXPECT_EQ(psp_poolCreateEx(PSP_GLOBAL_TAG, PSP_POOL_SIZE_INFO{}, nullptr, nullptr, nullptr,
+                               nullptr, nullptr),
+              eINVNULLARG);
+    EXPECT_EQ(info_of(PSP_GLOBAL_TAG).used.current, before);
+}
+
 TEST_F(Pool, DestroyOfNullDoesNothing)
 {
     psp_poolDestroy(nullptr);

@@ -146,6 +146,11 @@ TEST_F(StreamPrintf, GivesTheNumberOfBytes)
     EXPECT_EQ(read_file(dir / "f"), "a00042|x   |" + std::string(2999, ' ') + "yshort again");
 }
 
+TEST_F(StreamPrintf, ToNoStreamGivesMinusOne)
+{
+    EXPECT_EQ(psp_fprintf(nullptr, "%d", 7), -1);
+}
+
 TEST_F(StreamPrintf, LeavesTheArgumentListAlone)
 {
     const TempDir dir;

@@ -155,6 +155,17 @@ TEST_F(StreamTerminal, FilesAreNone)
     EXPECT_EQ(psp_fSetEcho(stream, ZYN_TRUE), sOKAY);
 }
 
+TEST_F(StreamTerminal, IsAskedForWithAStreamAndAPlaceForTheAnswer)
+{
+    const TempDir dir;
+    Stream stream(dir / "f", "w");
+    ZYN_BOOL_T is_tty = 77;
+    EXPECT_EQ(psp_fIsATTY(nullptr, &is_tty), eINVNULLARG);
+    EXPECT_EQ(is_tty, 77);
+    EXPECT_EQ(psp_fIsATTY(stream, nullptr), eINVNULLARG);
+    EXPECT_EQ(psp_fSetEcho(nullptr, ZYN_TRUE), eINVNULLARG);
+}
+
 TEST_F(StreamTerminal, EchoIsSwitchedOffAndOn)
 {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);

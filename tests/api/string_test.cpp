@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <malloc.h>
+
 namespace {
 
 TEST(Case, IsChangedInPlaceForEveryByteTheCLibraryKnows)
@@ -264,6 +266,18 @@ TEST(Locale, ObjectsAreMadeFromAMaskAndAName)
     ASSERT_NE(locale, nullptr);
     EXPECT_EQ(psp_createlocale(LC_ALL_MASK, "no_SUCH"), nullptr);
     psp_freelocale(locale);
+}
+
+TEST(Locale, ObjectsGiveTheirMemoryBack)
+{
+    const auto taken_after = [](int rounds) {
+        for (int i = 0; i < rounds; ++i)
+            psp_freelocale(psp_createlocale(LC_ALL_MASK, "C.UTF-8"));
+        psp_freelocale(nullptr);
+        return mallinfo2().uordblks; // 0 where a sanitizer counts instead
+    };
+    const size_t after_one = taken_after(1);
+    EXPECT_EQ(taken_after(100), after_one);
 }
 
 TEST(Locale, CodeSetIsUtf8OrLeftOpen)

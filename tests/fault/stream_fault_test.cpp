@@ -38,6 +38,28 @@ TEST_F(StreamFault, OpeningJumpsOutOfTheGlobalTagWithNothingLost)
     EXPECT_EQ(jumped, 2) << "of " << runs << ": the stream and its cache live in the global tag";
 }
 
+TEST_F(StreamFault, OpeningAStandardStreamJumpsOutOfTheGlobalTagOnlyWithoutMemory)
+{
+    int jumped = 0;
+    const int runs = fail_every_call("tag_alloc", false, [&](Fault& fault, int) {
+        PSP_FILE_STREAM stream = nullptr;
+        jumped += jumps(PSP_GLOBAL_TAG, [&] { stream = psp_fopenStd("stdout"); });
+        fault.disarm();
+        EXPECT_EQ(stream == nullptr, fault.failures() > 0);
+        if (stream != nullptr)
+            psp_fclose(stream);
+        expect_nothing_lost();
+    });
+    EXPECT_EQ(jumped, 2) << "of " << runs << ": the stream and its cache live in the global tag";
+}
+
+TEST_F(StreamFault, OpeningInAModeThatIsNoneIsAFileThatCannotBeOpened)
+{
+    PSP_FILE_STREAM stream = nullptr;
+    EXPECT_EQ(psp_streamOpen(path_.c_str(), "q", PSP_FILE_MODE_UTF8, 0, &stream), eFILEOPEN);
+    EXPECT_EQ(stream, nullptr);
+}
+
 TEST_F(StreamFault, ALineThatCannotStartIsNone)
 {
     write_file(path_, "text\n");

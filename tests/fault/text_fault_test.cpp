@@ -126,6 +126,21 @@ TEST_F(StackFault, ALogThatCannotBeMadeIsNoErrorUnlessItsPathIs)
     EXPECT_EQ(info_of(PSP_THREAD_TAG).used.current, 0u);
 }
 
+TEST_F(StackFault, PushingWithMemoryNeverJumps)
+{
+    const std::string other = dir_ / "other";
+    for (const PSP_MEMTAG tag : {PSP_GLOBAL_TAG, PSP_THREAD_TAG}) {
+        EXPECT_FALSE(jumps(tag, [&] {
+            EXPECT_EQ(psp_log_createEx(nullptr, dir_.c_str(), "f"), sOKAY);
+            EXPECT_EQ(psp_log_openEx(nullptr, path_.c_str()), sOKAY);
+            EXPECT_EQ(psp_stdout_openEx(nullptr, other.c_str()), sOKAY);
+        }));
+        psp_log_closeEx(nullptr);
+        psp_log_closeEx(nullptr);
+        psp_stdout_closeEx(nullptr);
+    }
+}
+
 TEST_F(StackFault, PrintingWithoutMemoryGivesTheLockBack)
 {
     CapturedFd captured(1);

@@ -218,6 +218,18 @@ TEST_F(LargeBlocks, BufferIsHandedOutWholeAndOnce)
     psp_free(buffer.data(), nullptr);
 }
 
+TEST_F(LargeBlocks, BufferServesARequestOfItsWholeSizeAndNoByteMore)
+{
+    std::vector<char> buffer(smallest_limit);
+    psp_membuffer = buffer.data();
+    psp_memlimit = buffer.size();
+    std::size_t size = buffer.size() + 1;
+    EXPECT_EQ(psp_malloc(&size, nullptr), nullptr);
+    size = buffer.size();
+    EXPECT_EQ(psp_malloc(&size, nullptr), buffer.data());
+    psp_free(buffer.data(), nullptr);
+}
+
 TEST_F(LargeBlocks, BufferHoldsEveryBlockUntilItIsFullAndIsFreeAgainWithTheLast)
 {
     std::vector<std::max_align_t> buffer(5000000 / sizeof(std::max_align_t));

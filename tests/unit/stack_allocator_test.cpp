@@ -123,6 +123,19 @@ TEST_F(StackAllocator, TakesTheFirstPartialChunkWithRoom)
     EXPECT_EQ(entry_.partial_chunks, nullptr);
 }
 
+TEST_F(StackAllocator, LearnsFromAVainSearchWhatIsLeftBehindTheHead)
+{
+    alloc(4000); // 96 left
+    alloc(3000); // in a new chunk, 1096 left
+    alloc(2000); // in another, 2096 left
+    EXPECT_EQ(entry_.left_behind, 1096u);
+    alloc(2096);
+    alloc(1096); // two chunks are full, the first one is the head
+    EXPECT_EQ(entry_.left_behind, 1096u) << "a bound that nothing lowers but a search";
+    alloc(1000); // nothing behind the head; the new chunk makes that the one behind
+    EXPECT_EQ(entry_.left_behind, 96u);
+}
+
 TEST_F(StackAllocator, FreeingOneBlockDoesNothing)
 {
     char* block = alloc(100);
