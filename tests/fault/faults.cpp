@@ -143,8 +143,10 @@ using psptest::with_errno;
       (attr, param), p.planned_error(), ENOTSUP)                                                   \
     X(pthread_mutex_init, int, (pthread_mutex_t* mutex, const pthread_mutexattr_t* attr),          \
       (mutex, attr), p.planned_error(), ENOMEM)                                                    \
+    X(pthread_mutex_destroy, int, (pthread_mutex_t* mutex), (mutex), p.planned_error(), EBUSY)     \
     X(pthread_cond_init, int, (pthread_cond_t* cond, const pthread_condattr_t* attr),              \
       (cond, attr), p.planned_error(), ENOMEM)                                                     \
+    X(pthread_cond_destroy, int, (pthread_cond_t* cond), (cond), p.planned_error(), EBUSY)         \
     X(pthread_condattr_init, int, (pthread_condattr_t* attr), (attr), p.planned_error(), ENOMEM)   \
     X(pthread_condattr_setclock, int, (pthread_condattr_t* attr, clockid_t clock), (attr, clock),  \
       p.planned_error(), EINVAL)                                                                   \

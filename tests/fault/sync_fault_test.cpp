@@ -247,6 +247,32 @@ TEST_F(SyncFault, AMutexHasTheDefaultAttributes)
     EXPECT_NE(make(PSP_SEM_EVENT), PSP_SEM_INVALID);
 }
 
+TEST_F(SyncFault, EveryMutexAndConditionThatIsMadeIsDestroyedByItsDeletionOrTheStop)
+{
+    psp_term();
+    {
+        const Fault mutexes("pthread_mutex_init");
+        const Fault destroyed_mutexes("pthread_mutex_destroy");
+        const Fault conditions("pthread_cond_init");
+        const Fault destroyed_conditions("pthread_cond_destroy");
+        ASSERT_EQ(psp_init(), sOKAY);
+        for (const std::int16_t type : {PSP_SEM_MUTEX, PSP_SEM_EVENT}) {
+            const PSP_SEM deleted = make(type);
+            make(type);
+            const int before = destroyed_mutexes.calls();
+            psp_syncDelete(deleted);
+            EXPECT_EQ(destroyed_mutexes.calls(), before + 1);
+        }
+        EXPECT_EQ(conditions.calls(), 2);
+        EXPECT_EQ(destroyed_conditions.calls(), 1);
+        psp_term();
+        EXPECT_EQ(destroyed_conditions.calls(), 2);
+        EXPECT_GE(mutexes.calls(), 4);
+        EXPECT_EQ(destroyed_mutexes.calls(), mutexes.calls());
+    }
+    ASSERT_EQ(psp_init(), sOKAY);
+}
+
 TEST_F(SyncFault, AFirstLevelIsOneLockOfTheSystemsAndNoMemory)
 {
     const PSP_SEM sem = make(PSP_SEM_MUTEX);
