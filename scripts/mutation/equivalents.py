@@ -10,6 +10,9 @@ says why nothing can tell the two apart:
 
 Numbers of lines play no part, so an entry outlives changes elsewhere in the file.
 """
+import sys
+
+from . import scan
 
 
 def key(change):
@@ -27,3 +30,12 @@ def load(path):
             raise SystemExit(f"{path}: not an entry:\n{entry}")
         known[file, function, old[2:], new[2:]] = " ".join(reason)
     return known
+
+
+def report_stale(known, sources):
+    """Names the entries for changes that the sources do not offer any more."""
+    offered = {key(change | {"file": file})
+               for file, text in sources.items() for change in scan.changes(text)}
+    for entry in known:
+        if entry[0] in sources and entry not in offered:
+            print("stale in equivalent.txt:", *entry[:2], "|", entry[2], file=sys.stderr)

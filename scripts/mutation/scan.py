@@ -3,6 +3,7 @@
 The sources are laid out by clang-format, and that does most of the work: a binary operator has
 blanks around it, an angle bracket of a template or the mark of a pointer or reference has not.
 """
+import collections
 import re
 
 # What replaces what. Each alternative is a change of its own.
@@ -34,7 +35,8 @@ DECLARATION = re.compile(r"\s*(?:template <|using |typedef |namespace |extern |e
                          r"case |friend |static_assert)")
 ARRAY_SIZE = re.compile(r"^\s*(?:static |const |constexpr )*[\w:]+[*&]? \w+\[[^]]*\]")
 FUNCTION = re.compile(r"(?:    |\[\[.*?\]\] )?(?!return |else )(?=\w)[\w:<>*&, ]+[ *&](\w+)\(")
-BLANKED = re.compile(r'\[\[.*?\]\]|//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'', re.S)
+BLANKED = re.compile(r'//[^\n]*|/\*.*?\*/|\[\[.*?\]\]|'
+                     r'"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'', re.S)
 
 
 def masked_lines(text):
@@ -80,8 +82,9 @@ def closing(line, start):
 
 def neighbours(digits, suffix):
     """The numbers beside a literal, written as it is."""
-    value = int(digits.replace("'", ""), 0 if digits[:2] in ("0x", "0X") else 10)
-    form = "0x{:X}" if digits[:2] in ("0x", "0X") else "{}"
+    base, form = (16, "0x{:X}") if digits[:2] in ("0x", "0X") else \
+        (8, "0{:o}") if len(digits) > 1 and digits[0] == "0" else (10, "{}")
+    value = int(digits.replace("'", ""), base)
     return [form.format(near) + suffix for near in (value + 1, value - 1) if near >= 0]
 
 
@@ -131,13 +134,18 @@ def statement_changes(line):
 
 
 def changes(text):
-    """All changes to a source file, as dictionaries."""
+    """All changes to a source file, as dictionaries. A line that a function has more than once is
+    told from the earlier ones by a number behind the function's name."""
     lines = text.split("\n")
     function = "-"  # in front of the first one
+    seen = collections.Counter()
     for number, masked in code_lines(text):
         declared = FUNCTION.match(lines[number])
         if declared and not masked.endswith(";"):
             function = declared[1]
+        old = lines[number].strip()
+        seen[function, old] += 1
+        nth = seen[function, old]
         found = []
         for kind, span, other in (*operator_changes(masked), *constant_changes(masked),
                                   *flow_changes(masked), *statement_changes(masked)):
@@ -149,5 +157,6 @@ def changes(text):
             line = lines[number]
             for (start, end), other in sorted(edits, reverse=True):
                 line = line[:start] + other + line[end:]
-            yield {"line": number + 1, "function": function, "kind": kind,
-                   "old": lines[number].strip(), "new": line.strip()}
+            yield {"line": number + 1, "kind": kind,
+                   "function": function if nth == 1 else f"{function}#{nth}",
+                   "old": old, "new": line.strip()}

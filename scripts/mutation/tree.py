@@ -12,7 +12,7 @@ import subprocess
 import time
 from pathlib import Path
 
-from . import suites
+from . import report, suites
 
 OBJECT = "changed.o"
 LIBRARY = "libzynpsp-14.so"
@@ -173,5 +173,5 @@ class Build:
         if failed:
             return failed[1].decode()
         if status is None:
-            return "no end"
+            return report.NO_END
         return "" if status == 0 else f"status {status}"

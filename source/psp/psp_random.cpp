@@ -71,8 +71,8 @@ uint32_t psp_randGetNext(PSP_RAND_CTX* ctx)
 
 PSP_RAND psp_randCreateEx(uint32_t seed, ZYN_BOOL_T bUseSem)
 {
-    auto* ctx = static_cast<PSP_RAND_CTX*>(
-        psp_getMem(sizeof(PSP_RAND_CTX), PSP_GLOBAL_TAG, 1, nullptr, __FILE__, __LINE__));
+    auto* ctx = static_cast<PSP_RAND_CTX*>(psp_getMem(sizeof(PSP_RAND_CTX), PSP_GLOBAL_TAG,
+                                                      PSP_MEM_PLAIN, nullptr, __FILE__, __LINE__));
     if (ctx == nullptr)
         return nullptr;
     if (bUseSem && psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__) == PSP_SEM_INVALID) {

@@ -398,6 +398,23 @@ TEST_F(ListAllocator, RefusesSizesThatDoNotFitThirtyTwoBits)
     release(block);
 }
 
+TEST_F(ListAllocator, AsksForTheLargestChunkAndForNoLargerOne)
+{
+    void* block = alloc(100);
+    supply.refuse = true;
+    supply.log.requests.clear();
+    constexpr std::size_t largest = gib4 - 32; // with its header the last multiple of 16
+    EXPECT_EQ(alloc(largest + 1), nullptr);
+    EXPECT_EQ(realloc(block, largest + 1), nullptr);
+    EXPECT_EQ(supply.log.requests.size(), 0u);
+    EXPECT_EQ(alloc(largest), nullptr);
+    EXPECT_EQ(realloc(block, largest), nullptr);
+    ASSERT_EQ(supply.log.requests.size(), 2u);
+    for (const ChunkLog::Request& request : supply.log.requests)
+        EXPECT_EQ(request.wanted, largest + 16 + 32);
+    release(block);
+}
+
 TEST_F(ListAllocator, CopiesItsCounters)
 {
     void* block = alloc(100);
