@@ -55,3 +55,12 @@ def plan(sources, count, seed):
     for name, quota in sorted(quotas(sizes, count, seed).items()):
         if quota > 0:
             yield name, quota, candidates(name, sources[name], seed)
+
+
+def all_of(sources, wanted):
+    """The same for all changes that are wanted."""
+    for name, text in sorted(sources.items()):
+        found = [change | {"file": name} for change in scan.changes(text)]
+        found = [change for change in found if wanted(change)]
+        if found:
+            yield name, len(found), found

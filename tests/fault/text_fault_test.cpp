@@ -131,13 +131,15 @@ TEST_F(StackFault, PushingWithMemoryNeverJumps)
     const std::string other = dir_ / "other";
     for (const PSP_MEMTAG tag : {PSP_GLOBAL_TAG, PSP_THREAD_TAG}) {
         EXPECT_FALSE(jumps(tag, [&] {
-            EXPECT_EQ(psp_log_createEx(nullptr, dir_.c_str(), "f"), sOKAY);
-            EXPECT_EQ(psp_log_openEx(nullptr, path_.c_str()), sOKAY);
-            EXPECT_EQ(psp_stdout_openEx(nullptr, other.c_str()), sOKAY);
+            for (int level = 0; level < 2; level++) { // a file, and then a file that is open
+                EXPECT_EQ(psp_log_createEx(nullptr, dir_.c_str(), "f"), sOKAY);
+                EXPECT_EQ(psp_stdout_openEx(nullptr, other.c_str()), sOKAY);
+            }
         }));
-        psp_log_closeEx(nullptr);
-        psp_log_closeEx(nullptr);
-        psp_stdout_closeEx(nullptr);
+        for (int level = 0; level < 2; level++) {
+            psp_log_closeEx(nullptr);
+            psp_stdout_closeEx(nullptr);
+        }
     }
 }
 
