@@ -4,14 +4,15 @@ Patterns, so that a new suite of a family joins by its name. Within a pattern sh
 """
 from fnmatch import fnmatch
 
-MEMORY = "api_mem_* unit_mem_* fault_mem_* stress_mem_*"
+LOCKS = "unit_lock_*"
+MEMORY = f"api_mem_* unit_mem_* fault_mem_* {LOCKS} stress_mem_*"
 STREAM = "api_stream_* fault_stream_* fault_text_*"
 FILES = "api_file_* unit_file_* fault_file_* stress_file_*"
 FORMAT = "api_format_* fault_format_*"
-OUTPUT = "api_output_* api_print_* api_log_* fault_text_* stress_log_*"
+OUTPUT = f"api_output_* api_print_* api_log_* fault_text_* {LOCKS} stress_log_*"
 
 FAMILIES = {
-    "psp.cpp": "api_core_* unit_init_* fault_core_* api_thread_*",
+    "psp.cpp": "api_core_* unit_init_* fault_core_* api_thread_* api_tmpdir_*",
     "psp_allocator_block.cpp": f"unit_block_* {MEMORY}",
     "psp_allocator_legacy.cpp": f"unit_legacy_* {MEMORY}",
     "psp_allocator_list.cpp": f"unit_list_* {MEMORY}",
@@ -35,18 +36,18 @@ FAMILIES = {
     "psp_stream_cache.cpp": f"fault_stream_cache_* {STREAM}",
     "psp_string.cpp": "api_string_* fault_pure_*",
     "psp_threads_pthread.cpp": "api_thread_* unit_sync_* fault_sync_*",
-    "psp_threads_unix.cpp": "api_sync_* unit_sync_* fault_sync_* stress_sync_*",
+    "psp_threads_unix.cpp": f"api_sync_* unit_sync_* fault_sync_* {LOCKS} stress_sync_*",
     "psp_time.cpp": "api_time_* fault_system_*",
-    "psp_tmpdir.cpp": "api_tmpdir_* fault_tmpdir_*",
+    "psp_tmpdir.cpp": f"api_tmpdir_* fault_tmpdir_* {LOCKS}",
     "psp_varint.cpp": "unit_varint_* api_varint_* api_binstream_*",
     "psp_vsnprintf.cpp": FORMAT,
     "pspalign.cpp": "api_bits_*",
     "pspbufferedstream.cpp": "api_binstream_* fault_pure_*",
     "pspfile.cpp": FILES,
-    "pspglobal.cpp": "api_global_* fault_core_* unit_init_*",
+    "pspglobal.cpp": f"api_global_* fault_core_* unit_init_* {LOCKS}",
     "pspint.cpp": "api_output_*",
     "pspmem.cpp": f"{MEMORY} unit_init_* api_core_*",
-    "psppool.cpp": "api_pool_* fault_pool_*",
+    "psppool.cpp": f"api_pool_* fault_pool_* {LOCKS}",
     "pspunix.cpp": "unit_file_primitives_* api_file_* fault_file_*",
     "psputf8.cpp": "unit_utf8_* api_utf8_* fault_pure_*",
     "pspver.cpp": "api_core_*",

@@ -182,6 +182,8 @@ TEST_F(ContextFault, WithoutMemoryIsNotMade)
                 EXPECT_EQ(rc, sOKAY);
             } else {
                 EXPECT_TRUE(rc == eNOMEMORY || rc == eFILEOPEN) << rc << " at " << n;
+                EXPECT_EQ(memory_in_use(), used_) << n << ", before anything is ended";
+                expect_nothing_lost();
             }
             psp_log_termCtx(&ctx);
             EXPECT_EQ(memory_in_use(), used_) << n;

@@ -175,13 +175,22 @@ TEST_F(Stop, TakesOutputThenGlobalsThenLocksThenMemory)
 
 TEST_F(Stop, ForgetsTheCachedTemporaryDirectory)
 {
-    for (int cycle = 0; cycle < 2; cycle++) {
-        ASSERT_EQ(psp_init(), sOKAY);
+    const TempDir first;
+    const TempDir second;
+    const auto chosen_in = [](const char* environment) {
+        setenv("ZYN_TMPDIR", environment, 1);
+        EXPECT_EQ(psp_init(), sOKAY);
         const char* const dir = psp_tmpdir(PSP_GLOBAL_TAG);
-        ASSERT_NE(dir, nullptr);
-        EXPECT_STRNE(dir, "");
+        const std::string copy = dir != nullptr ? dir : "";
         psp_term();
-    }
+        return copy;
+    };
+    const int status = run_in_child([&] { // the environment is the process's
+        EXPECT_EQ(chosen_in(first.c_str()), first.path());
+        EXPECT_EQ(chosen_in(second.c_str()), second.path());
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Stop, LeavesNoHandleOfTheMemoryLayer)
