@@ -30,7 +30,7 @@ FAMILIES = {
     "psp_output_stack.cpp": OUTPUT,
     "psp_path.cpp": "api_path_* fault_path_*",
     "psp_process.cpp": "api_process_* fault_system_* fault_core_* api_core_*",
-    "psp_random.cpp": "api_random_* fault_system_*",
+    "psp_random.cpp": "api_random_* fault_sync_*",
     "psp_scan.cpp": "api_scan_* fault_path_*",
     "psp_stream.cpp": STREAM,
     "psp_stream_cache.cpp": f"fault_stream_cache_* {STREAM}",

@@ -144,6 +144,8 @@ using psptest::with_errno;
     X(pthread_mutex_init, int, (pthread_mutex_t* mutex, const pthread_mutexattr_t* attr),          \
       (mutex, attr), p.planned_error(), ENOMEM)                                                    \
     X(pthread_mutex_destroy, int, (pthread_mutex_t* mutex), (mutex), p.planned_error(), EBUSY)     \
+    X(pthread_mutex_lock, int, (pthread_mutex_t* mutex), (mutex), p.planned_error(), EINVAL)       \
+    X(pthread_mutex_unlock, int, (pthread_mutex_t* mutex), (mutex), p.planned_error(), EPERM)      \
     X(pthread_cond_init, int, (pthread_cond_t* cond, const pthread_condattr_t* attr),              \
       (cond, attr), p.planned_error(), ENOMEM)                                                     \
     X(pthread_cond_destroy, int, (pthread_cond_t* cond), (cond), p.planned_error(), EBUSY)         \

@@ -277,12 +277,45 @@ TEST_F(SyncFault, AFirstLevelIsOneLockOfTheSystemsAndNoMemory)
 {
     const PSP_SEM sem = make(PSP_SEM_MUTEX);
     Fault allocations("tag_alloc", 1, true);
+    const Fault locks("pthread_mutex_lock");
+    const Fault unlocks("pthread_mutex_unlock");
     for (int i = 0; i < 3; i++)
         psp_syncEnterExcl(sem);
+    EXPECT_EQ(locks.calls(), 1);
     for (int i = 0; i < 3; i++)
         psp_syncExitExcl(sem);
+    EXPECT_EQ(locks.calls(), 1);
+    EXPECT_EQ(unlocks.calls(), 1);
     EXPECT_EQ(allocations.calls(), 0);
     psp_syncDelete(sem);
+}
+
+TEST_F(SyncFault, EveryOperationButEnteringUnlocksWhatItLocks)
+{
+    const Fault locks("pthread_mutex_lock");
+    const Fault unlocks("pthread_mutex_unlock");
+    int expected = 0;
+    const auto expect_one_more = [&](const char* operation) {
+        expected++;
+        EXPECT_EQ(locks.calls(), expected) << operation;
+        EXPECT_EQ(unlocks.calls(), expected) << operation;
+    };
+    for (const std::int16_t type : {PSP_SEM_MUTEX, PSP_SEM_EVENT}) {
+        const PSP_SEM sem = make(type);
+        expect_one_more("creating");
+        psp_syncDelete(sem);
+        expect_one_more("deleting");
+    }
+    const PSP_SEM event = make(PSP_SEM_EVENT);
+    expect_one_more("creating");
+    psp_syncStart(event);
+    expect_one_more("starting");
+    EXPECT_EQ(psp_syncWait(event, 0), sTIMEOUT);
+    expect_one_more("waiting");
+    psp_syncResume(event);
+    expect_one_more("resuming");
+    psp_syncDelete(event);
+    expect_one_more("deleting");
 }
 
 // ---- Threads ----

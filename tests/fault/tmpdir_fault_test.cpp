@@ -65,6 +65,20 @@ class TmpDirFault : public FaultTest {
     TempDir dir_;
 };
 
+TEST_F(TmpDirFault, ChoosingUnlocksWhatItLocks)
+{
+    in_child([&] {
+        setenv("TMPDIR", dir_.c_str(), 1);
+        const Fault locks("pthread_mutex_lock");
+        const Fault unlocks("pthread_mutex_unlock");
+        const char* const dir = psp_tmpdir(PSP_THREAD_TAG);
+        EXPECT_STREQ(dir, dir_.c_str());
+        EXPECT_GE(locks.calls(), 1);
+        EXPECT_EQ(unlocks.calls(), locks.calls());
+        psp_freeMem(dir, PSP_THREAD_TAG, __FILE__, __LINE__);
+    });
+}
+
 TEST_F(TmpDirFault, CandidatesAreTriedInOrderUntilOneIsUsable)
 {
     const std::vector<std::string> candidates = {"/user", "/first", "/second", "/tmp", "/current"};

@@ -178,7 +178,8 @@ TEST_F(Stop, ForgetsTheCachedTemporaryDirectory)
     const TempDir first;
     const TempDir second;
     const auto chosen_in = [](const char* environment) {
-        setenv("ZYN_TMPDIR", environment, 1);
+        unsetenv("ZYN_TMPDIR"); // it is never cached
+        setenv("TMPDIR", environment, 1);
         EXPECT_EQ(psp_init(), sOKAY);
         const char* const dir = psp_tmpdir(PSP_GLOBAL_TAG);
         const std::string copy = dir != nullptr ? dir : "";
