@@ -7,7 +7,7 @@ from fnmatch import fnmatch
 LOCKS = "unit_lock_*"
 MEMORY = f"api_mem_* unit_mem_* fault_mem_* {LOCKS} stress_mem_*"
 STREAM = "api_stream_* fault_stream_* fault_text_*"
-FILES = "api_file_* unit_file_* fault_file_* stress_file_*"
+FILES = f"api_file_* unit_file_* fault_file_* {LOCKS} stress_file_*"
 FORMAT = "api_format_* fault_format_*"
 OUTPUT = f"api_output_* api_print_* api_log_* fault_text_* {LOCKS} stress_log_*"
 
@@ -44,7 +44,7 @@ FAMILIES = {
     "pspalign.cpp": "api_bits_*",
     "pspbufferedstream.cpp": "api_binstream_* fault_pure_*",
     "pspfile.cpp": FILES,
-    "pspglobal.cpp": f"api_global_* fault_core_* unit_init_* {LOCKS}",
+    "pspglobal.cpp": f"api_global_* fault_core_* fault_pool_* unit_init_* {LOCKS}",
     "pspint.cpp": "api_output_*",
     "pspmem.cpp": f"{MEMORY} unit_init_* api_core_*",
     "psppool.cpp": f"api_pool_* fault_pool_* {LOCKS}",

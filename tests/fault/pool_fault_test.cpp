@@ -93,11 +93,13 @@ TEST_F(RegistryFault, GlobalsAreForgottenWhenTheirListCannotGrow)
 {
     for (const bool forever : {true, false}) {
         const std::vector<void*> old = fill_list_of_globals();
+        const std::size_t used = info_of(PSP_GLOBAL_TAG).used.current;
         Fault fault("tag_alloc", 1, forever);
         void* block = &block;
         EXPECT_EQ(get_global("f", &block), eNOMEMORY);
         EXPECT_EQ(block, &block);
         EXPECT_EQ(fault.failures(), 1);
+        EXPECT_LT(info_of(PSP_GLOBAL_TAG).used.current, used) << "the list itself is freed";
         if (forever) { // and again, from whatever state that left
             EXPECT_EQ(get_global("g", &block), eNOMEMORY);
             EXPECT_EQ(get_global("fill0", &block), eNOMEMORY) << "it is not known any more";

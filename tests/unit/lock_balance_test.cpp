@@ -164,6 +164,8 @@ TEST_F(Locks, AreBalancedAfterWorkOnFiles)
     char bytes[3];
     BALANCED(EXPECT_EQ(psp_fileSeekRead(file, 5, bytes, 3), 3u));
     BALANCED(EXPECT_EQ(psp_fileLength(file), 8u));
+    BALANCED(EXPECT_EQ(psp_fileLock(file), sOKAY));
+    BALANCED(psp_fileUnlock(file));
     BALANCED(psp_fileClose(file));
     BALANCED(EXPECT_EQ(psp_fileCopy(path.c_str(), (path + "2").c_str()), sOKAY));
     BALANCED(EXPECT_EQ(psp_fileOpen((path + "/none").c_str(), O_RDONLY, 0), nullptr));
