@@ -46,7 +46,7 @@ FAMILIES = {
     "pspfile.cpp": FILES,
     "pspglobal.cpp": f"api_global_* fault_core_* fault_pool_* unit_init_* {LOCKS}",
     "pspint.cpp": "api_output_*",
-    "pspmem.cpp": f"{MEMORY} unit_init_* api_core_*",
+    "pspmem.cpp": f"{MEMORY} unit_init_* api_core_* fault_core_*",
     "psppool.cpp": f"api_pool_* fault_pool_* {LOCKS}",
     "pspunix.cpp": "unit_file_primitives_* api_file_* fault_file_*",
     "psputf8.cpp": "unit_utf8_* api_utf8_* fault_pure_*",
