@@ -108,8 +108,12 @@ TEST_F(StartFault, WithoutTheMemoryMutexesDeletesThoseThatItGot)
     for (int n = 1; n <= 4; n++) {
         for (int cycle = 0; cycle < 3; cycle++) {
             Fault fault("psp_syncCreate_check", n);
+            const Fault made("pthread_mutex_init");
+            const Fault destroyed("pthread_mutex_destroy");
             EXPECT_EQ(psp_init(), ePSP_FAILURE);
             EXPECT_EQ(fault.calls(), 4) << "all four are tried";
+            EXPECT_EQ(made.calls(), 3);
+            EXPECT_EQ(destroyed.calls(), 3);
         }
         Fault::clear();
         ASSERT_EQ(psp_init(), sOKAY);
