@@ -29,7 +29,7 @@ ZYN_RETCODE acceptInteger(const char* str, T value, T* pVal)
     const bool atLimit = value == Limits::max() || (Limits::is_signed && value == Limits::min());
     if (atLimit && errno == ERANGE)
         return eRANGE;
-    if (value == 0 && (errno == EINVAL || strcmp(str, "0") != 0))
+    if (value == 0 && strcmp(str, "0") != 0)
         return eINVSTRING;
     return store(value, pVal);
 }

@@ -112,7 +112,7 @@ ZYN_RETCODE push(PSP_FILE_STACK* stack, const char* name, bool* exhausted)
     return sOKAY;
 }
 
-// Standard output, standard error, log, in this order; what was made goes in reverse.
+// Standard output, standard error, log, in this order; all or none.
 ZYN_RETCODE initStacks(PSP_FILE_STACK* out, PSP_FILE_STACK* err, PSP_FILE_STACK* log,
                        bool* exhausted)
 {
@@ -120,14 +120,11 @@ ZYN_RETCODE initStacks(PSP_FILE_STACK* out, PSP_FILE_STACK* err, PSP_FILE_STACK*
     if (rc != sOKAY)
         return rc;
     rc = psp_fileStackInit(err, "stderr", exhausted);
-    if (rc == sOKAY) {
-        rc = psp_fileStackInit(log, nullptr, exhausted);
-        if (rc == sOKAY)
-            return sOKAY;
-        psp_fileStackTerm(err);
+    if (rc != sOKAY) {
+        psp_fileStackTerm(out);
+        return rc;
     }
-    psp_fileStackTerm(out);
-    return rc;
+    return psp_fileStackInit(log, nullptr, exhausted); // opens nothing: it cannot fail
 }
 
 ZYN_RETCODE openOn(PSP_FILE_STACK* stack, const char* name)
