@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <string>
@@ -225,6 +226,16 @@ TEST(FloatWord, HasASignAndBlanksOnly)
               "inf|inf|inf|inf|inf|inf");
 }
 
+TEST(FloatWord, EndsWhereTheOutputRefusesAByte)
+{
+    for (const char* format : {"%+6f|", "%-+6f|"}) {
+        const std::string whole = formatted(format, infinity);
+        ASSERT_EQ(whole.size(), 7u);
+        for (std::size_t refused = 0; refused < whole.size(); refused++)
+            EXPECT_EQ(start_of(refused, format, infinity), whole.substr(0, refused));
+    }
+}
+
 TEST(FloatArgument, OfALongDoubleIsTakenWhole)
 {
     EXPECT_EQ(formatted("%Lf %d %Lg %s", 1.5L, 7, 0x1p-70L, "x"), "1.500000 7 8.47033e-22 x");
@@ -233,6 +244,28 @@ TEST(FloatArgument, OfALongDoubleIsTakenWhole)
     EXPECT_EQ(
         formatted("%f %f %f %f %f %f %f %f %f %d", 1., 2., 3., 4., 5., 6., 7., 8., 9., 10),
         "1.000000 2.000000 3.000000 4.000000 5.000000 6.000000 7.000000 8.000000 9.000000 10");
+}
+
+// What the processor has no value for is no number: with an exponent the top bit of the mantissa
+// must be set. Without one it may be.
+TEST(FloatArgument, OfALongDoubleMustBeANumberToTheProcessor)
+{
+    const auto made_of = [](uint16_t head, uint64_t mantissa) {
+        long double value = 0;
+        std::memcpy(&value, &mantissa, sizeof mantissa);
+        std::memcpy(reinterpret_cast<char*>(&value) + sizeof mantissa, &head, sizeof head);
+        return value;
+    };
+    constexpr uint64_t top = uint64_t{1} << 63;
+    for (const uint16_t head : {1, 0x3FFF, 0x7FFE, 0x7FFF})
+        for (const uint64_t mantissa : {uint64_t{0}, uint64_t{1}, top / 2, top - 1})
+            EXPECT_EQ(formatted("%.0Le", made_of(head, mantissa)), "nan")
+                << head << ' ' << mantissa;
+    EXPECT_EQ(formatted("%.0Lf|%LG", made_of(0x3FFF, top), made_of(0x7FFF, top)), "1|INF");
+    EXPECT_EQ(formatted("%Lf|%Lf", made_of(0x7FFF, top + 1), made_of(0x7FFF, ~uint64_t{0})),
+              "nan|nan");
+    // The least exponent is the same with and without the top bit.
+    EXPECT_EQ(formatted("%.9Le", made_of(0, top)), formatted("%.9Le", made_of(1, top)));
 }
 
 // The nearest to a hundredth is a little less; a hundred of it are 1 in 64 bits.

@@ -521,6 +521,19 @@ TEST_F(LogBeforeStart, ThereAreNoMessagesInPieces)
     EXPECT_EQ(captured.finish(), "");
 }
 
+TEST_F(LogBeforeStart, AMessageThatAStopFreedIsLeftAlone)
+{
+    ASSERT_EQ(psp_init(), sOKAY);
+    PSP_LOG_CHUNK chunk = psp_log_chunk_init();
+    ASSERT_NE(chunk, nullptr);
+    psp_log_chunk(chunk, "one");
+    psp_term();
+    CapturedFd captured(1);
+    psp_log_chunk(chunk, "two");
+    psp_log_chunk_end(chunk, "three");
+    EXPECT_EQ(captured.finish(), "");
+}
+
 TEST_F(LogBeforeStart, AndAfterAStopIsTheSame)
 {
     ASSERT_EQ(psp_init(), sOKAY);

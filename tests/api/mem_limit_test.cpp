@@ -132,6 +132,18 @@ TEST_F(MemLimit, BufferHoldsAllMemory)
     EXPECT_EQ(psp_setMemLimit(nullptr, 0), sOKAY);
 }
 
+TEST_F(MemLimit, OfZeroLeavesABufferOfUnknownSizeAlone)
+{
+    static char buffer[64];
+    std::memset(buffer, 'b', sizeof buffer);
+    ASSERT_EQ(psp_setMemLimit(buffer, 0), sOKAY);
+    EXPECT_EQ(psp_init(), eNOMEMORY);
+    EXPECT_TRUE(holds(buffer, sizeof buffer, 'b'));
+    EXPECT_EQ(psp_setMemLimit(nullptr, 0), sOKAY);
+    ASSERT_EQ(psp_init(), sOKAY);
+    psp_term();
+}
+
 TEST_F(MemLimit, ExhaustedTellsTheTagFromItsAllocator)
 {
     ASSERT_EQ(psp_setMemLimit(nullptr, smallest_limit), sOKAY);

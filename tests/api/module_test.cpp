@@ -105,6 +105,10 @@ TEST_F(Module, GivesANullAddressWithoutAModuleOrAName)
     EXPECT_EQ(psp_getFcnAddr(module, nullptr, &address), sOKAY);
     EXPECT_EQ(address, nullptr);
     EXPECT_EQ(psp_unload(module), sOKAY);
+    const PSP_MOD_CTX without_library = {module_name, nullptr};
+    address = reinterpret_cast<VOID_FCN>(std::uintptr_t{0x1234});
+    EXPECT_EQ(psp_getFcnAddr(&without_library, "psptest_answer", &address), sOKAY);
+    EXPECT_EQ(address, nullptr);
 }
 
 TEST_F(Module, UnloadedIsGoneButItsContextStays)

@@ -137,6 +137,16 @@ TEST_F(Null, PlaceForATagABlockOrTheirUseIsRefused)
     EXPECT_EQ(used(), before);
 }
 
+TEST_F(Null, TextHasNoWords)
+{
+    const char* none = "";
+    const char** words = &none;
+    uint32_t count = 5;
+    EXPECT_EQ(psp_tokenize(nullptr, ",", &words, &count, 1, PSP_GLOBAL_TAG), sOKAY);
+    EXPECT_EQ(words, nullptr);
+    EXPECT_EQ(count, 0u);
+}
+
 TEST_F(Null, TextIsNoNumber)
 {
     int64_t i64 = 5;

@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <string>
 
@@ -181,6 +182,20 @@ TEST_F(StreamPrintf, WithAFormatThatFailsWritesNothing)
     EXPECT_EQ(psp_fprintf(stream, "ok"), 2);
     stream.close();
     EXPECT_EQ(read_file(dir / "f"), std::string(99, ' ') + "1ok");
+}
+
+TEST_F(StreamPrintf, OfATextThatItsOwnFormatEmptiesWritesNothing)
+{
+    const TempDir dir;
+    Stream stream(dir / "f", "w");
+    int words[65]; // 256 characters: measured, their number takes the place of the first four
+    char* text = reinterpret_cast<char*>(words);
+    std::memset(text, 'x', sizeof words);
+    text[256] = '\0';
+    EXPECT_EQ(psp_fprintf(stream, "%s%n", text, words), 0);
+    EXPECT_EQ(psp_fprintf(stream, "ok"), 2);
+    stream.close();
+    EXPECT_EQ(read_file(dir / "f"), "ok");
 }
 
 TEST_F(StreamPrintf, OfRandomLengthsIsWhole)

@@ -366,6 +366,14 @@ TEST(Utf8Wide, CountsTheTerminator)
     EXPECT_EQ(std::wmemcmp(dest, L"a\0b", 4), 0);
 }
 
+TEST(Utf8Wide, WithoutRoomStoresNothing)
+{
+    wchar_t dest = L'Z';
+    EXPECT_EQ(psp_utf8_to_wchar(&dest, "abc", 0, PSP_UTF8_ERROR_BREAK), 0u);
+    EXPECT_EQ(psp_utf8_to_wchar_len(&dest, 0, "\xE2\x82\xAC", 3, PSP_UTF8_ERROR_BREAK), 0u);
+    EXPECT_EQ(dest, L'Z');
+}
+
 TEST(Utf8Wide, WorksBeforeTheStart)
 {
     ASSERT_EQ(psp_inited, 0);

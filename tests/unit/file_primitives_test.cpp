@@ -147,6 +147,7 @@ TEST(StandardNames, AreNoOthers)
         EXPECT_EQ(static_cast<int>(type), 3) << name;
         EXPECT_EQ(check_for_stdio(name, nullptr), ZYN_FALSE) << name;
     }
+    EXPECT_EQ(check_for_stdio(nullptr, nullptr), ZYN_FALSE);
 }
 
 // ---- Opening and closing ----

@@ -133,6 +133,43 @@ TEST_F(LegacyAllocator, NoticesARepeatedFree)
     EXPECT_EQ(empty.finish(), "Attempting to free previously freed memory\n");
 }
 
+TEST_F(LegacyAllocator, TakesABlockForFreedUnlessItsLinksLeadBack)
+{
+    struct Record {
+        LEGACY_HDR header{};
+        char data[16]{};
+    };
+    Record stranger;
+    Record freed;
+    LEGACY_HDR* const first = header(alloc(10));
+    LEGACY_HDR* const second = header(alloc(10)); // in front of the first
+    const auto at = [](std::uintptr_t address) { return reinterpret_cast<LEGACY_HDR*>(address); };
+    LEGACY_HDR* const crooked = at(address_of(second) + 1);
+    LEGACY_HDR* const beyond = at(std::uintptr_t{1} << 47);
+    const LEGACY_HDR links[] = {
+        {crooked, nullptr}, {beyond, nullptr},         // no address of a process: not followed
+        {second, crooked},  {second, beyond},          // likewise
+        {second, first},    {&stranger.header, first}, // not the neighbour of its neighbours
+    };
+    for (const LEGACY_HDR& link : links) {
+        freed.header = link;
+        CapturedFd out(1);
+        release(freed.data);
+        EXPECT_EQ(out.finish(), "Attempting to free previously freed memory\n");
+        EXPECT_EQ(blocks(), (Blocks{second + 1, first + 1}));
+    }
+    // The one before it leads here, but the one behind does not lead back.
+    freed.header = {&stranger.header, first};
+    for (LEGACY_HDR* const behind : {crooked, beyond, first}) {
+        stranger.header.next = &freed.header;
+        freed.header.next = behind;
+        CapturedFd out(1);
+        release(freed.data);
+        EXPECT_EQ(out.finish(), "Attempting to free previously freed memory\n");
+        EXPECT_EQ(stranger.header.next, &freed.header) << "nothing was unlinked";
+    }
+}
+
 TEST_F(LegacyAllocator, DoesNotMistakeTheOnlyBlockForAFreedOne)
 {
     void* only = alloc(10);
