@@ -2,7 +2,10 @@
 // result can be more than success or failure. See faults.h.
 #include "faults.h"
 
+#include "psp/core.h"
+#include "psp/file.h"
 #include "psp/mem.h"
+#include "psp/sync.h"
 #include "psp_mem_data_int.h"
 #include "pspint.h"
 #include "psptypes.h"
@@ -197,6 +200,13 @@ using psptest::with_errno;
       with_errno(p, const_cast<char*>("no message")), EINVAL)                                      \
     X(psp_syncCreate_check, PSP_SEM, (int16_t type, const char* file, int32_t line),               \
       (type, file, line), with_errno(p, PSP_SEM_INVALID), EAGAIN)                                  \
+    X(psp_syncEnterExcl, ZYN_RETCODE, (PSP_SEM sem), (sem), p.planned_error(), ePSP_FAILURE)       \
+    X(psp_enterCritSec, ZYN_RETCODE, (), (), p.planned_error(), ePSP_FAILURE)                      \
+    X(psp_fileWrite, uint32_t, (PSP_FH handle, const void* data, uint32_t size),                   \
+      (handle, data, size), with_errno(p, 0U), EIO)                                                \
+    X(psp_fileOpenStd, PSP_FH,                                                                     \
+      (const char* name, uint32_t flags, uint16_t xflags, ZYN_BOOL_T* is_console),                 \
+      (name, flags, xflags, is_console), with_errno(p, nullptr), EACCES)                           \
     X(psp_createTagEx, PSP_MEMTAG,                                                                 \
       (jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE type, PSP_DESTROY_FCN destroy_fcn,           \
        void* destroy_ctx, const char* file, int32_t line),                                         \

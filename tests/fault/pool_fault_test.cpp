@@ -123,6 +123,66 @@ TEST_F(RegistryFault, GlobalsAreForgottenWhenTheirListCannotGrow)
     }
 }
 
+// Registers five names, and between them fails to. With a list that has room for fewer, one of the
+// failures is that of the list, which forgets what it held.
+void lose_list_of_globals(const std::string& names)
+{
+    for (int i = 0; i < 5; i++) {
+        const std::string name = names + std::to_string(i);
+        void* block = nullptr;
+        {
+            const Fault fault("tag_alloc", 1);
+            EXPECT_EQ(get_global(name, &block), eNOMEMORY);
+            EXPECT_EQ(block, nullptr);
+        }
+        EXPECT_EQ(get_global(name, &block), sOKAY);
+    }
+}
+
+ZYN_RETCODE lose_while_made(void*)
+{
+    lose_list_of_globals("made");
+    return sOKAY;
+}
+
+void lose_while_deleted(void*)
+{
+    lose_list_of_globals("deleted");
+}
+
+// Two are in the list, the file layer's and this one; three of the five come before the list.
+TEST_F(RegistryFault, GlobalWhoseCallbackLosesTheListIsNotThere)
+{
+    void* block = &block;
+    EXPECT_EQ(psp_globalGet("loser", 8, lose_while_made, nullptr, &block), eNOMEMORY);
+    EXPECT_EQ(block, &block);
+    std::thread([] { // no lock is held, and what came after the loss is known
+        for (const char* name : {"made3", "made4"}) {
+            Fault none("tag_alloc");
+            void* found = nullptr;
+            EXPECT_EQ(get_global(name, &found), sOKAY);
+            EXPECT_EQ(none.calls(), 0);
+        }
+    })
+        .join();
+    deletions = 0;
+    psp_term();
+    EXPECT_EQ(deletions, 2);
+    ASSERT_EQ(psp_init(), sOKAY);
+}
+
+// The file layer's goes first, by its name; four of the five come before the list.
+TEST_F(RegistryFault, GlobalWhoseEndLosesTheListLeavesWhatCameAfter)
+{
+    void* block = nullptr;
+    ASSERT_EQ(psp_globalGet("loser", 8, nullptr, lose_while_deleted, &block), sOKAY);
+    ASSERT_EQ(get_global("early", &block), sOKAY);
+    deletions = 0;
+    psp_term();
+    EXPECT_EQ(deletions, 2);
+    ASSERT_EQ(psp_init(), sOKAY);
+}
+
 // ---- Pools ----
 
 ZYN_RETCODE make_pool(PSP_MEMTAG tag, const char* lock, PSP_POOL* pool)

@@ -19,6 +19,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+extern "C" uint32_t __real_psp_fileWrite(PSP_FH handle, const void* data, uint32_t size);
+
 using namespace psptest;
 
 namespace {
@@ -233,6 +235,74 @@ TEST_F(StreamCache, GoesOnAfterShortAndInterruptedWrites)
     EXPECT_EQ(transfers, (Calls{{'w', 8}, {'w', 8}, {'w', 5}, {'w', 5}, {'w', 4}}));
     EXPECT_EQ(stream->fh->modified, 0u);
     EXPECT_EQ(read_file(path_), "abcdefgh");
+}
+
+// A handle that takes half of what it is given, which none of the library's own does.
+uint32_t take_half(PSP_FH, const void*, uint32_t size)
+{
+    return size / 2;
+}
+
+TEST_F(StreamCache, RefusesBytesWhileItsHandleTakesAPart)
+{
+    Stream stream(open("w"));
+    EXPECT_EQ(psp_fputs(std::string(1020, 'x').c_str(), stream), 1020);
+    Fault::replace("psp_fileWrite", take_half);
+    EXPECT_EQ(psp_fputs("12345", stream), -1) << "there is room for four";
+    EXPECT_EQ(psp_fputc('6', stream), 0);
+    EXPECT_EQ(psp_fprintf(stream, "%d", 7), -1);
+    EXPECT_EQ(psp_fflush(stream), 0);
+    EXPECT_EQ(psp_fsync(stream), 0);
+    EXPECT_EQ(syncs, 0) << "no sync of a part";
+    EXPECT_EQ(stream->fh->off, 1024u);
+    EXPECT_EQ(stream->fh->modified, 1u);
+    Fault::replace("psp_fileWrite", __real_psp_fileWrite);
+    EXPECT_EQ(psp_fputc('8', stream), 1);
+    stream.close();
+    EXPECT_EQ(transfers, (Calls{{'w', 1024}, {'w', 1}}));
+    EXPECT_EQ(read_file(path_), std::string(1020, 'x') + "12348");
+}
+
+TEST_F(StreamCache, EndsWhileItsHandleTakesAPart)
+{
+    const std::string text = pattern(4000);
+    write_file(path_, text);
+    Stream stream(open("r+"));
+    EXPECT_EQ(psp_fgetc(stream), text[0]);
+    EXPECT_EQ(psp_fputc('X', stream), 1);
+    char rest[1024];
+    EXPECT_EQ(psp_fgets(rest, 1023, stream), rest); // to the end of the window
+    Fault::replace("psp_fileWrite", take_half);
+    EXPECT_EQ(psp_fgetc(stream), -1);
+    EXPECT_EQ(psp_fgetc(stream), -1);
+    EXPECT_EQ(stream->fh->modified, 1u);
+    Fault::replace("psp_fileWrite", __real_psp_fileWrite);
+    EXPECT_EQ(psp_fgetc(stream), text[2048]) << "the window went behind the one that was read";
+    EXPECT_EQ(transfers, (Calls{{'r', 1024}, {'w', 1024}, {'r', 1024}}));
+}
+
+TEST_F(StreamCache, RefusesUnitsWhileItsHandleTakesAPart)
+{
+    for (const int free_units : {0, 1}) {
+        Stream stream(open("w", PSP_FILE_MODE_UTF16));
+        for (int units = 1 + free_units; units < 512; units++) // the mark is the first
+            EXPECT_EQ(psp_fputc('x', stream), 1);
+        Fault::replace("psp_fileWrite", take_half);
+        for (const int byte : {0xF0, 0x9F, 0x98})
+            EXPECT_EQ(psp_fputc(byte, stream), 1);
+        EXPECT_EQ(psp_fputc(0x80, stream), 0);
+        EXPECT_EQ(stream->val, free_units == 0 ? 0x1F600u : 0xDE00u) << "which was refused";
+        EXPECT_EQ(stream->fh->off, 1024u);
+        EXPECT_EQ(psp_fputc('y', stream), 0);
+        EXPECT_EQ(psp_fputs("y", stream), -1);
+        Fault::replace("psp_fileWrite", __real_psp_fileWrite);
+        EXPECT_EQ(psp_fputc('y', stream), 1);
+        stream.close();
+        const std::string bytes = read_file(path_);
+        ASSERT_EQ(bytes.size(), 1026u);
+        EXPECT_EQ(bytes.substr(1022),
+                  free_units == 0 ? std::string("x\0y\0", 4) : std::string("\x3D\xD8y\0", 4));
+    }
 }
 
 TEST_F(StreamCache, GoesOnAfterShortAndInterruptedReads)

@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+extern "C" PSP_FH __real_psp_fileOpenStd(const char* name, uint32_t flags, uint16_t xflags,
+                                         ZYN_BOOL_T* is_console);
+
 using namespace psptest;
 
 namespace {
@@ -183,6 +186,23 @@ TEST_F(StreamFault, TheCodesOfTerminalOperationsArePassedOn)
     EXPECT_EQ(echo_seen, ZYN_FALSE);
     EXPECT_EQ(psp_fSetEcho(stream, ZYN_TRUE), eBADWRITE);
     EXPECT_EQ(echo_seen, ZYN_TRUE);
+}
+
+PSP_FH open_console(const char* name, uint32_t flags, uint16_t xflags, ZYN_BOOL_T* is_console)
+{
+    const PSP_FH handle = __real_psp_fileOpenStd(name, flags, xflags, is_console);
+    *is_console = ZYN_TRUE;
+    return handle;
+}
+
+TEST_F(StreamFault, AConsoleSpeaksUtf16WithoutAMark)
+{
+    Fault::replace("psp_fileOpenStd", open_console);
+    Stream stream(psp_fopenStd("stdout"));
+    EXPECT_EQ(stream->fmode, PSP_FILE_MODE_UTF16);
+    EXPECT_EQ(stream->fh->is_console, ZYN_TRUE);
+    EXPECT_EQ(stream->bom_off, 0u);
+    EXPECT_EQ(stream->fh->modified, 0u);
 }
 
 std::string console_text;

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <string>
 
+extern "C" ZYN_RETCODE __real_psp_syncEnterExcl(PSP_SEM sem);
+
 using namespace psptest;
 
 namespace {
@@ -101,6 +103,26 @@ TEST_F(StackFault, PushingWhatCannotBeOpenedTellsSo)
     psp_log_closeEx(nullptr);
     EXPECT_EQ(psp_log("text"), 4);
     EXPECT_EQ(captured.finish(), "text");
+    expect_nothing_lost();
+}
+
+// Enters a lock that another thread has just been in, and has popped the log's stack there.
+ZYN_RETCODE enter_behind_another(PSP_SEM sem)
+{
+    Fault::replace("psp_syncEnterExcl", __real_psp_syncEnterExcl);
+    std::thread([] { psp_log_closeEx(nullptr); }).join();
+    return __real_psp_syncEnterExcl(sem);
+}
+
+TEST_F(StackFault, PoppingBehindAnotherThreadFindsTheStackEmpty)
+{
+    ASSERT_EQ(psp_log_openEx(nullptr, path_.c_str()), sOKAY);
+    Fault::replace("psp_syncEnterExcl", enter_behind_another);
+    psp_log_closeEx(nullptr);
+    CapturedFd captured(1);
+    expect_enterable([] { EXPECT_EQ(psp_log("text"), 4); });
+    EXPECT_EQ(captured.finish(), "text");
+    EXPECT_EQ(read_file(path_), "") << "nothing is logged any more";
     expect_nothing_lost();
 }
 
@@ -311,6 +333,24 @@ TEST_F(LogFault, CountsBytesThatTheConsoleDidNotTake)
     const std::string log = read_file(path_);
     EXPECT_EQ(log.size(), 3 * time_prefix_length + 8);
     EXPECT_NE(log.find("two"), std::string::npos);
+}
+
+TEST_F(LogFault, OfBytesThatAreRefusedTellsSoOfTheConsole)
+{
+    ASSERT_EQ(psp_log_openEx(nullptr, path_.c_str()), sOKAY);
+    CapturedFd captured(1);
+    Fault::replace(
+        "psp_fileWrite", +[](PSP_FH, const void*, uint32_t size) { return size / 2; });
+    EXPECT_EQ(psp_log_with_time("%2000d", 1), -1) << "one window is taken";
+    EXPECT_EQ(psp_log_with_time("text"), -1) << "the time neither";
+    EXPECT_EQ(psp_log("text"), -1);
+    Fault::clear();
+    psp_flush();
+    psp_log_closeEx(nullptr);
+    const std::string log = read_file(path_);
+    EXPECT_EQ(captured.finish(), log);
+    EXPECT_EQ(log.size(), 1024u);
+    EXPECT_EQ(log.substr(time_prefix_length), std::string(1024 - time_prefix_length, ' '));
 }
 
 TEST_F(LogFault, GoesOnAfterInterruptedAndShortWrites)

@@ -13,7 +13,10 @@
 #include <csetjmp>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
+
+extern "C" ZYN_RETCODE __real_psp_enterCritSec();
 
 using namespace psptest;
 
@@ -57,6 +60,7 @@ class TmpDirFault : public FaultTest {
                           unsetenv(name);
                       tried.clear();
                       body();
+                      Fault::clear(); // the child's end opens files of its own
                       return 0;
                   }),
                   0);
@@ -159,6 +163,30 @@ TEST_F(TmpDirFault, ATrialsNameIsCutAt511Bytes)
     }
     tried = {};
     usable = {};
+}
+
+std::string found_by_another;
+
+// Enters the critical section that another thread has just been in, and has searched there.
+ZYN_RETCODE enter_behind_another()
+{
+    Fault::replace("psp_enterCritSec", __real_psp_enterCritSec);
+    std::thread([] {
+        found_by_another = taken(psp_tmpdir(PSP_THREAD_TAG), PSP_THREAD_TAG);
+    }).join();
+    return __real_psp_enterCritSec();
+}
+
+TEST_F(TmpDirFault, SearchBehindAnotherThreadTakesItsChoice)
+{
+    in_child([this] {
+        psp_setTmpDir(dir_.c_str());
+        const Fault trials("open");
+        Fault::replace("psp_enterCritSec", enter_behind_another);
+        EXPECT_EQ(taken(psp_tmpdir(PSP_THREAD_TAG), PSP_THREAD_TAG), dir_.path());
+        EXPECT_EQ(found_by_another, dir_.path());
+        EXPECT_EQ(trials.calls(), 1) << "one search is enough";
+    });
 }
 
 TEST_F(TmpDirFault, SearchSurvivesEveryRefusedAllocation)
