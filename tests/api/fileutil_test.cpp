@@ -7,8 +7,11 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <csetjmp>
 #include <random>
 #include <string>
+
+#include <sys/mman.h>
 
 using namespace psptest;
 
@@ -283,6 +286,62 @@ TEST_F(FileUtil, TemporaryNamesLieInTheRootWhenThereIsNoDirectory)
                   return 0;
               }),
               0);
+}
+
+// More characters than a text can have, in the memory of a few: the same piece again and again.
+class LongText {
+  public:
+    LongText()
+    {
+        const int fd = memfd_create("piece", 0);
+        const std::string text(piece_, 'x');
+        EXPECT_EQ(write(fd, text.data(), piece_), static_cast<ssize_t>(piece_));
+        void* room = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0); // NULs
+        EXPECT_NE(room, MAP_FAILED);
+        start_ = static_cast<char*>(room);
+        for (std::size_t at = 0; at < length_; at += piece_)
+            EXPECT_EQ(mmap(start_ + at, piece_, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0),
+                      start_ + at);
+        close(fd);
+    }
+    ~LongText()
+    {
+        munmap(start_, size_);
+    }
+    LongText(const LongText&) = delete;
+    LongText& operator=(const LongText&) = delete;
+
+    const char* text() const
+    {
+        return start_;
+    }
+
+  private:
+    static constexpr std::size_t piece_ = std::size_t{1} << 21;
+    static constexpr std::size_t length_ = std::size_t{1} << 31;
+    static constexpr std::size_t size_ = length_ + 4096;
+    char* start_ = nullptr;
+};
+
+TEST_F(FileUtil, TemporaryNameThatIsTooLongForATextIsNone)
+{
+    if (under_tsan)
+        GTEST_SKIP() << "the sanitizer notes every byte";
+    const LongText base;
+    const PSP_MEMTAG tag = make_tag();
+    std::uint32_t counter = 7;
+    jmp_buf buffer;
+    psp_resetTag(&buffer, tag);
+    const char* name = "name";
+    EXPECT_EQ(
+        jumped_with(buffer,
+                    [&] { name = psp_fileCreateTmpName(&counter, base.text(), "e", 0, tag); }),
+        0)
+        << "no memory is short";
+    EXPECT_EQ(name, nullptr);
+    EXPECT_EQ(counter, 8u);
+    EXPECT_EQ(info_of(tag).used.current, 0u);
+    destroy_tag(tag);
 }
 
 // ---- The switches of the process ----
