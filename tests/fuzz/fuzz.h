@@ -1,7 +1,8 @@
-// What the fuzzers share: a check that ends the process, so that libFuzzer keeps the input.
+// What the fuzzers share: how an input is read, and a check that ends the process, so that the
+// input is kept.
 #pragma once
 
-#include <fuzzer/FuzzedDataProvider.h>
+#include "provider.h"
 
 #include <cstdio>
 #include <cstdlib>
