@@ -1,41 +1,12 @@
-// Wildcards against a matcher that says the rules again, one line a rule.
+// Wildcards against a matcher that tries every place.
 #include "fuzz.h"
+#include "support/match_model.h"
 
 #include "psp/scan.h"
 
-#include <cctype>
 #include <string>
 
 namespace {
-
-char upper(char c)
-{
-    return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-}
-
-bool accepts(char pattern, char c)
-{
-    if (pattern == '?')
-        return true;
-    if (pattern == '#')
-        return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
-    return upper(pattern) == upper(c);
-}
-
-// Behind a star stands a character that is found as it is, whatever it is.
-bool matches(const char* str, const char* pattern)
-{
-    if (*pattern == '\0')
-        return *str == '\0';
-    if (*pattern != '*')
-        return *str != '\0' && accepts(*pattern, *str) && matches(str + 1, pattern + 1);
-    if (pattern[1] == '\0')
-        return true;
-    for (; *str != '\0'; str++)
-        if (upper(*str) == upper(pattern[1]) && matches(str + 1, pattern + 2))
-            return true;
-    return false;
-}
 
 // Text that matches often: few different characters. Otherwise the bytes as they are.
 std::string text(FuzzedDataProvider& input, std::size_t limit, bool narrow)
@@ -48,16 +19,40 @@ std::string text(FuzzedDataProvider& input, std::size_t limit, bool narrow)
     return bytes.substr(0, bytes.find('\0'));
 }
 
+// A string that the pattern was made for, but for what a change here and there did to it.
+std::string filled(FuzzedDataProvider& input, const std::string& pattern)
+{
+    std::string str;
+    for (const char c : pattern) {
+        if (c == '*')
+            str += text(input, 8, true);
+        else if (c == '?')
+            str += input.PickValueInArray({'a', '*', '?', '#', '\xFF'});
+        else if (c == '#')
+            str += input.PickValueInArray({'0', '9', 'A', 'F', 'a', 'G'});
+        else
+            str += c;
+    }
+    return str;
+}
+
+void check(const std::string& str, const std::string& pattern)
+{
+    CHECK(psp_match(str.c_str(), pattern.c_str()) ==
+          (psptest::wildcard_matches(str, pattern) ? ZYN_TRUE : ZYN_FALSE));
+}
+
 } // namespace
 
-// The lengths are bounded because both matchers try every way that stars can stretch.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzedDataProvider input(data, size);
     const bool narrow = input.ConsumeBool();
-    const std::string pattern = text(input, 12, narrow);
-    const std::string str = text(input, 24, narrow);
-    CHECK((psp_match(str.c_str(), pattern.c_str()) != ZYN_FALSE) ==
-          matches(str.c_str(), pattern.c_str()));
+    const std::string pattern = text(input, 48, narrow);
+    check(filled(input, pattern), pattern);
+    check(text(input, 160, narrow), pattern);
+    check(pattern, pattern);
+    CHECK(psp_match(nullptr, pattern.c_str()) == ZYN_FALSE);
+    CHECK(psp_match(pattern.c_str(), nullptr) == ZYN_FALSE);
     return 0;
 }
