@@ -11,9 +11,11 @@
 #include <system_error>
 #include <type_traits>
 
+__extension__ typedef __int128 WideInteger;
+
 struct IntegerText {
     ZYN_RETCODE rc;
-    __int128 value;
+    WideInteger value;
 };
 
 inline bool is_digit(char c)
@@ -34,9 +36,9 @@ inline std::size_t skip_sign(const std::string& text, bool* negative)
 template <class T>
 IntegerText read_integer(const std::string& text)
 {
-    constexpr __int128 wide = __int128{1} << 64;
+    constexpr WideInteger wide = WideInteger{1} << 64;
     bool negative;
-    __int128 value = 0;
+    WideInteger value = 0;
     for (std::size_t at = skip_sign(text, &negative); at < text.size() && is_digit(text[at]); at++)
         if (value < wide)
             value = value * 10 + (text[at] - '0');
