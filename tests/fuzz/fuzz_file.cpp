@@ -9,6 +9,7 @@
 #include "psp/fileutil.h"
 #include "psp_file_int.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -50,21 +51,26 @@ std::string any_name(FuzzedDataProvider& input)
 std::string any_bytes(FuzzedDataProvider& input)
 {
     const auto start = input.ConsumeIntegral<uint8_t>();
-    const std::size_t size = input.ConsumeBool()
-                                 ? input.ConsumeIntegralInRange<std::size_t>(0, 40)
-                                 : input.ConsumeIntegralInRange<std::size_t>(1000, 2100);
+    const auto dice = input.ConsumeIntegral<uint8_t>();
+    const std::size_t size = dice < 0x40   ? 1
+                             : dice < 0xA0 ? dice % 0x20
+                                           : input.ConsumeIntegralInRange<std::size_t>(1000, 2100);
     std::string bytes(size, '\0');
     for (std::size_t i = 0; i < size; i++)
         bytes[i] = static_cast<char>(start + i + i / 256);
     return bytes;
 }
 
-// A place in a file, seldom one that cannot be.
-int64_t any_place(FuzzedDataProvider& input, int64_t least)
+// A place in a file, often next to its end and seldom one that cannot be.
+int64_t any_place(FuzzedDataProvider& input, int64_t least, std::size_t length)
 {
-    const int64_t place = input.ConsumeBool() ? input.ConsumeIntegralInRange<int64_t>(least, 40)
-                                              : input.ConsumeIntegralInRange<int64_t>(0, 6000);
-    return place == 7 ? INT64_MIN : place;
+    const auto dice = input.ConsumeIntegral<uint8_t>();
+    if (dice == 0xFF)
+        return INT64_MIN;
+    if (dice % 4 == 0)
+        return std::max(static_cast<int64_t>(length) - dice / 4 % 4, least);
+    return dice % 4 == 1 ? input.ConsumeIntegralInRange<int64_t>(least, 40)
+                         : input.ConsumeIntegralInRange<int64_t>(0, 6000);
 }
 
 uint32_t any_flags(FuzzedDataProvider& input)
@@ -131,6 +137,7 @@ class Run {
 
     void by_handle(Handle& file, int dice)
     {
+        const std::size_t length = file.model->file->bytes.size();
         switch (dice) {
         case 8:
             return close_last();
@@ -142,7 +149,7 @@ class Run {
         case 13:
         case 14:
         case 15:
-            return write_at(file, any_place(input_, 0), any_bytes(input_));
+            return write_at(file, any_place(input_, 0, length), any_bytes(input_));
         case 16:
         case 17:
         case 18:
@@ -150,16 +157,16 @@ class Run {
         case 19:
         case 20:
         case 21:
-            return read_at(file, any_place(input_, 0),
+            return read_at(file, any_place(input_, 0, length),
                            input_.ConsumeIntegralInRange<uint32_t>(0, 3000));
         case 22:
         case 23:
-            return seek(file, any_place(input_, -40), input_.ConsumeIntegralInRange(0, 2));
+            return seek(file, any_place(input_, -40, length), input_.ConsumeIntegralInRange(0, 2));
         case 24:
             return seek(file, 0, input_.PickValueInArray({-1, 5, 42}));
         case 25:
         case 26:
-            return resize(file, any_place(input_, 0));
+            return resize(file, any_place(input_, 0, length));
         case 27:
         case 28:
             return lock(file);
