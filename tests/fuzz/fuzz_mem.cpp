@@ -1,9 +1,7 @@
-// Memory tags of every kind, step by step beside models of what they do: contents, addresses,
-// statistics, the memory limit, jumps, and what a stop of the library cleans up.
+// Memory tags of every kind, step by step beside models that foresee every address, refusal, jump
+// and counter: within a limit, in a buffer of the caller's, and through a stop that cleans up.
 #include "fuzz.h"
-#include "mem_model.h"
-
-#include "psp/core.h"
+#include "support/tag_model.h"
 
 #include <algorithm>
 #include <csetjmp>
@@ -11,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace psptest;
@@ -20,39 +19,34 @@ namespace {
 constexpr std::size_t most_tags = 6;
 constexpr std::size_t most_blocks = 48; // of one tag
 constexpr std::size_t smallest_limit = 4195328;
-constexpr std::size_t buffer_size = 5 * 1024 * 1024;
-alignas(16) char buffer[buffer_size];
+constexpr std::size_t room_size = 5 * 1024 * 1024;
 
-// ---- The source of all chunks ----
+// Room for the first chunk of every input, or the caller's buffer: new pages for each input would
+// cost more than all the rest.
+alignas(16) char room[room_size];
+bool room_in_use;
 
-// Whether the library may have memory is foreseen here, and how often it may not is counted.
-struct Supply {
-    bool buffered = false;
-    bool buffer_used = false;
-    std::size_t limit = 0;
-    unsigned refused = 0;
-};
-Supply supply;
+// What else there is: the heap, or the caller's buffer.
+void* (*others_source)(std::size_t*, PSP_MEM_INFO*);
+void (*others_sink)(void*, PSP_MEM_INFO*);
 
-// The first chunk of an input is always the same memory: new pages cost more than all the rest.
-void* watched_source(std::size_t* size, PSP_MEM_INFO* info)
+void* source(std::size_t* size, PSP_MEM_INFO* info)
 {
-    const bool over = supply.limit != 0 && supply.limit < *size + psp_mem_stats.current;
-    const bool refuse = over || (supply.buffered && supply.buffer_used);
-    const bool first = !refuse && !supply.buffer_used && *size <= buffer_size;
-    void* chunk = first && !supply.buffered ? buffer : psp_malloc(size, info);
-    CHECK((chunk == nullptr) == refuse);
-    CHECK(chunk == nullptr || !supply.buffered || (chunk == buffer && *size == buffer_size));
-    supply.refused += refuse;
-    supply.buffer_used |= chunk == buffer;
-    return chunk;
+    const bool over_limit = psp_memlimit != 0 && psp_memlimit < *size + psp_mem_stats.current;
+    const bool at_hand = !room_in_use && psp_membuffer == nullptr && *size <= room_size;
+    if (over_limit || !at_hand)
+        return others_source(size, info);
+    room_in_use = true;
+    LargeBlockSpy::log().requests.push_back({*size, *size, address_of(room)});
+    return room;
 }
 
-void watched_sink(void* chunk, PSP_MEM_INFO* info)
+void sink(void* chunk, PSP_MEM_INFO* info)
 {
-    if (chunk != buffer || supply.buffered)
-        psp_free(chunk, info);
-    supply.buffer_used &= chunk != buffer;
+    if (chunk != room || psp_membuffer != nullptr)
+        return others_sink(chunk, info);
+    room_in_use = false;
+    LargeBlockSpy::log().released.push_back(address_of(room));
 }
 
 // ---- Attempts ----
@@ -60,7 +54,6 @@ void watched_sink(void* chunk, PSP_MEM_INFO* info)
 struct Outcome {
     void* ptr;
     bool jumped;
-    bool refused; // a chunk was asked for and not had
 };
 
 jmp_buf jump_target;
@@ -69,11 +62,10 @@ jmp_buf jump_target;
 template <class Call>
 Outcome attempt(Call call)
 {
-    const unsigned before = supply.refused;
     void* ptr = nullptr;
     const int jumped = jumped_with(jump_target, [&] { ptr = call(); });
     CHECK(jumped == 0 || (jumped == 1 && ptr == nullptr));
-    return {ptr, jumped != 0, supply.refused != before};
+    return {ptr, jumped != 0};
 }
 
 // ---- Tags ----
@@ -82,10 +74,10 @@ std::vector<int> destroyed; // the numbers of tags, in the order of their ends
 
 struct Tag {
     PSP_MEMTAG handle;
+    ModelledTag model;
     PSP_ALLOCATOR_TYPE type;
+    int number; // in the order of creation; -1: one of the two that are always there
     bool jumps;
-    int number;
-    std::unique_ptr<MemModel> model; // none for the global tag, which the library uses as well
     std::vector<LiveBlock> blocks{};
 
     static void at_end(void* ctx)
@@ -96,20 +88,6 @@ struct Tag {
         destroyed.push_back(self->number);
     }
 };
-
-std::unique_ptr<MemModel> make_model(PSP_ALLOCATOR_TYPE type, PSP_MEMTAG tag)
-{
-    switch (type) {
-    case BLOCK_ALLOCATOR:
-        return std::make_unique<BlockModel>();
-    case LIST_ALLOCATOR:
-        return std::make_unique<ListTagModel>(tag);
-    case STACK_ALLOCATOR:
-        return std::make_unique<StackModel>();
-    default:
-        return std::make_unique<LegacyModel>();
-    }
-}
 
 std::size_t any_size(FuzzedDataProvider& input)
 {
@@ -141,7 +119,7 @@ struct Request {
     }
     bool fits() const
     {
-        return size < gib4 - 100;
+        return size < gib4 - 1;
     }
 };
 
@@ -163,18 +141,35 @@ Request any_request(FuzzedDataProvider& input, PSP_ALLOCATOR_TYPE type)
 
 // ---- The run ----
 
-class Run {
+class Run : MemoryLayer {
   public:
     explicit Run(FuzzedDataProvider& input) : input_(input)
     {
+        others_source = std::exchange(LargeBlock.alloc_fcn, source);
+        others_sink = std::exchange(LargeBlock.free_fcn, sink);
+        buffered_ = input_.ConsumeIntegralInRange(0, 3) == 3;
+        CHECK(psp_setMemLimit(buffered_ ? room : nullptr, buffered_ ? room_size : 0) == sOKAY);
+        destroyed.clear();
         start();
-        add({PSP_GLOBAL_TAG, BLOCK_ALLOCATOR, false, -1, nullptr});
-        add({PSP_THREAD_TAG, BLOCK_ALLOCATOR, false, -1, std::make_unique<BlockModel>()});
+        add({PSP_GLOBAL_TAG, std::move(global_), BLOCK_ALLOCATOR, -1, false});
+        CHECK(getCorrectTag(PSP_THREAD_TAG) != nullptr); // makes it
+        add({PSP_THREAD_TAG, model_.make_tag(BLOCK_ALLOCATOR), BLOCK_ALLOCATOR, -1, false});
     }
-    ~Run()
+    // What is left is destroyed: the thread's tag, the global one, the others as they were made.
+    ~Run() override
     {
-        check_totals();
-        stop();
+        check_all();
+        std::vector<int> expected = destroyed;
+        for (const auto& tag : tags_)
+            if (tag->number >= 0)
+                expected.push_back(tag->number);
+        stop([this] {
+            std::swap(tags_[0], tags_[1]);
+            for (const auto& tag : tags_)
+                model_.destroy_tag(tag->model);
+        });
+        CHECK(destroyed == expected && !room_in_use);
+        expect_nothing_unexplained();
     }
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
@@ -182,14 +177,14 @@ class Run {
     void step()
     {
         const int dice = input_.ConsumeIntegralInRange(0, 31);
-        if (dice == 0)
-            return create();
-        if (dice == 1)
-            return limit();
-        if (dice == 2)
-            return check_totals();
         Tag& tag = any_tag();
-        if (dice == 3)
+        if (dice == 0)
+            create();
+        else if (dice == 1)
+            limit();
+        else if (dice == 2)
+            check_all();
+        else if (dice == 3)
             end(tag);
         else if (dice == 4)
             empty(tag);
@@ -205,38 +200,12 @@ class Run {
             move_one(tag, any_tag());
         else
             refuse(tag);
+        model_.expect_same_statistics();
+        expect_nothing_unexplained();
     }
 
   private:
-    void start()
-    {
-        supply = Supply{};
-        destroyed.clear();
-        psp_mem_stats = {};
-        LargeBlock.mem_info = {};
-        LargeBlock.alloc_fcn = watched_source;
-        LargeBlock.free_fcn = watched_sink;
-        supply.buffered = input_.ConsumeIntegralInRange(0, 3) == 3;
-        supply.limit = supply.buffered ? buffer_size : 0;
-        CHECK(psp_setMemLimit(supply.buffered ? buffer : nullptr, supply.limit) == sOKAY);
-        CHECK(psp_init() == sOKAY);
-        held_elsewhere_ = memory_in_use() - held_by_library();
-    }
-
-    // What is left is destroyed in the order of creation.
-    void stop()
-    {
-        std::vector<int> expected = destroyed;
-        for (int number = 0; number < created_; number++)
-            if (std::find(expected.begin(), expected.end(), number) == expected.end())
-                expected.push_back(number);
-        psp_term();
-        CHECK(destroyed == expected);
-        CHECK(memory_in_use() == 0 && LargeBlock.chunks == nullptr && !supply.buffer_used);
-        CHECK(psp_setMemLimit(nullptr, 0) == sOKAY);
-        LargeBlock.alloc_fcn = psp_malloc;
-        LargeBlock.free_fcn = psp_free;
-    }
+    void TestBody() override {}
 
     void add(Tag tag)
     {
@@ -263,27 +232,28 @@ class Run {
 
     void create()
     {
-        const int32_t type = input_.ConsumeIntegralInRange(0, 4);
+        const auto type = input_.ConsumeIntegralInRange<int32_t>(0, 4);
         const auto flags = input_.ConsumeIntegralInRange<int16_t>(0, 2);
-        if (type == 4) {
+        const bool jumps = input_.ConsumeBool();
+        if (type == 4 || tags_.size() == most_tags) {
             const auto unknown = static_cast<PSP_ALLOCATOR_TYPE>(42);
             CHECK(psp_createTagEx(nullptr, flags, unknown, nullptr, nullptr, "", 0) == nullptr);
+            ModelledTag gone = model_.make_tag(LEGACY_ALLOCATOR); // a record for a moment
+            if (gone.record != 0)
+                model_.destroy_tag(gone);
             return;
         }
-        if (tags_.size() == most_tags)
-            return;
-        const bool jumps = input_.ConsumeBool();
-        const unsigned before = supply.refused;
         auto tag = std::make_unique<Tag>(
-            Tag{nullptr, static_cast<PSP_ALLOCATOR_TYPE>(type), jumps, created_, nullptr});
+            Tag{nullptr, {}, static_cast<PSP_ALLOCATOR_TYPE>(type), created_, jumps});
         const ZYN_RETCODE rc =
             psp_createTagEx_rc(jumps ? &jump_target : nullptr, flags, tag->type, Tag::at_end,
                                tag.get(), &tag->handle, __FILE__, __LINE__);
-        CHECK(rc == sOKAY || supply.refused != before);
+        tag->model = model_.make_tag(tag->type);
+        CHECK((rc == sOKAY) == (tag->model.record != 0));
         if (rc != sOKAY)
             return;
+        CHECK(address_of(tag->handle) == tag->model.record);
         created_++;
-        tag->model = make_model(tag->type, tag->handle);
         tags_.push_back(std::move(tag));
     }
 
@@ -293,6 +263,7 @@ class Run {
         if (tag.number < 0)
             return; // nothing happens to the special ones
         CHECK(!destroyed.empty() && destroyed.back() == tag.number);
+        model_.destroy_tag(tag.model);
         std::erase_if(tags_, [&tag](const auto& other) { return other.get() == &tag; });
     }
 
@@ -302,13 +273,13 @@ class Run {
         if (tag.number < 0)
             return;
         tag.blocks.clear();
-        tag.model->free_all();
+        tag.model.blocks->free_all();
         check(tag);
     }
 
-    void switch_jumps(Tag& tag)
+    static void switch_jumps(Tag& tag)
     {
-        tag.jumps = !tag.jumps && tag.handle != PSP_GLOBAL_TAG;
+        tag.jumps = !tag.jumps;
         psp_resetTag(tag.jumps ? &jump_target : nullptr, tag.handle);
     }
 
@@ -316,25 +287,20 @@ class Run {
     {
         const std::size_t wanted = input_.PickValueInArray<std::size_t>(
             {0, smallest_limit, 2 * smallest_limit, 1, smallest_limit - 1});
-        const bool valid = !supply.buffered && (wanted == 0 || wanted >= smallest_limit);
+        const bool valid = !buffered_ && (wanted == 0 || wanted >= smallest_limit);
         CHECK(psp_setMemLimit(nullptr, wanted) ==
               (valid ? ZYN_RETCODE{sOKAY} : ZYN_RETCODE{ePSP_FAILURE}));
-        CHECK(psp_setMemLimit(buffer, buffer_size) == ePSP_FAILURE);
-        if (valid)
-            supply.limit = wanted;
+        CHECK(psp_setMemLimit(room, room_size) == ePSP_FAILURE);
     }
 
     // ---- Blocks ----
 
-    // A failure under a tag that jumps is a jump, unless the request was no request.
-    static void check_failure(const Tag& tag, const Request& request, const Outcome& outcome,
-                              bool must_fail)
+    // The address that the model foresees, 0 for none; what a tag cannot have fails as well.
+    static void check_outcome(const Tag& tag, const Request& request, const Outcome& outcome,
+                              std::uintptr_t expected)
     {
-        const bool failed = outcome.ptr == nullptr;
-        const bool possible = request.valid() && request.fits() && !must_fail;
-        CHECK(failed || possible);
-        CHECK(!failed || !possible || outcome.refused);
-        CHECK(outcome.jumped == (failed && request.valid() && tag.jumps));
+        CHECK(is_expected(outcome.ptr, expected));
+        CHECK(outcome.jumped == (expected == 0 && request.valid() && tag.jumps));
     }
 
     // Gives a new or resized block a pattern of its own.
@@ -369,9 +335,8 @@ class Run {
             CHECK(rc == (ptr == nullptr ? ZYN_RETCODE{eNOMEMORY} : ZYN_RETCODE{sOKAY}));
             return ptr;
         });
-        check_failure(tag, request, outcome, false);
-        if (tag.model != nullptr && request.valid() && request.fits())
-            tag.model->alloc(request.size, address_of(outcome.ptr));
+        const bool possible = request.valid() && request.fits();
+        check_outcome(tag, request, outcome, possible ? tag.model.blocks->alloc(request.size) : 0);
         if (outcome.ptr != nullptr) {
             check_new(request, outcome.ptr);
             tag.blocks.push_back({outcome.ptr, request.size, 0});
@@ -392,9 +357,10 @@ class Run {
             return extend(block.ptr, request.size, tag.handle, request.mode, gain,
                           request.source());
         });
-        check_failure(tag, request, outcome, tag.type == STACK_ALLOCATOR);
-        if (tag.model != nullptr && request.valid() && request.fits())
-            tag.model->realloc(address_of(block.ptr), request.size, address_of(outcome.ptr));
+        const bool possible = request.valid() && request.fits();
+        const auto old = address_of(block.ptr);
+        check_outcome(tag, request, outcome,
+                      possible ? tag.model.blocks->realloc(old, request.size) : 0);
         if (outcome.ptr == nullptr) {
             CHECK(has_pattern(block));
         } else {
@@ -428,8 +394,7 @@ class Run {
     {
         LiveBlock& block = any_block(tag);
         release(block.ptr, tag.handle);
-        if (tag.model != nullptr)
-            tag.model->free(address_of(block.ptr));
+        tag.model.blocks->free(address_of(block.ptr));
         forget(tag, block);
         check(tag);
     }
@@ -439,21 +404,16 @@ class Run {
         LiveBlock& block = any_block(from);
         if (to.blocks.size() == most_blocks)
             return;
-        const unsigned before = supply.refused;
         void* const moved = move(block.ptr, block.size, to.handle, from.handle);
         if (&from == &to) {
             CHECK(moved == block.ptr);
             return;
         }
-        CHECK(moved != nullptr || block.size == 0 || supply.refused != before);
-        CHECK(moved == nullptr || block.size != 0);
-        if (to.model != nullptr && block.size != 0)
-            to.model->alloc(block.size, address_of(moved));
+        CHECK(is_expected(moved, block.size == 0 ? 0 : to.model.blocks->alloc(block.size)));
         if (moved == nullptr) {
             CHECK(has_pattern(block));
         } else {
-            if (from.model != nullptr)
-                from.model->free(address_of(block.ptr));
+            from.model.blocks->free(address_of(block.ptr));
             to.blocks.push_back({moved, block.size, block.pattern});
             CHECK(has_pattern(to.blocks.back()));
             forget(from, block);
@@ -481,48 +441,25 @@ class Run {
     {
         PSP_TAG_MEM_INFO info;
         CHECK(psp_getTagMemInfo(tag.handle, &info) == sOKAY);
-        CHECK(tag.model == nullptr || info == tag.model->stats());
+        CHECK(info == tag.model.blocks->info());
     }
 
-    // What a tag of the library's own holds, by the sizes in front of its chunks.
-    template <class Entry>
-    static std::size_t held_in(const void* allocator)
+    void check_all() const
     {
-        std::size_t sum = 0;
-        for (const auto* chunk = static_cast<const Entry*>(allocator)->chunks; chunk != nullptr;
-             chunk = chunk->next)
-            sum += (reinterpret_cast<const LARGE_BLOCK_HDR*>(chunk) - 1)->size;
-        return sum;
-    }
-
-    // Records, and the global tag with all that the library keeps there.
-    static std::size_t held_by_library()
-    {
-        return held_in<LIST_ALLOCATOR_ENTRY>(&static_list_allocator) +
-               held_in<BLOCK_ALLOCATOR_ENTRY>(tagGlobal->t_allocator);
-    }
-
-    // All tags together hold what the library says it holds.
-    void check_totals()
-    {
-        std::size_t sum = held_elsewhere_ + held_by_library();
+        model_.expect_same_chunks();
+        expect_sound_memory();
         for (const auto& tag : tags_) {
-            sum += tag->model == nullptr ? 0 : tag->model->held();
+            check(*tag);
             for (const LiveBlock& block : tag->blocks)
                 CHECK(has_pattern(block));
         }
-        std::size_t most = 0;
-        psp_getMemUsage(nullptr, &most);
-        CHECK(memory_in_use() == sum && most >= sum && most >= most_held_);
-        most_held_ = most;
     }
 
     FuzzedDataProvider& input_;
+    bool buffered_ = false;
     std::vector<std::unique_ptr<Tag>> tags_;
     int created_ = 0;
     unsigned patterns_ = 0;
-    std::size_t held_elsewhere_ = 0; // by tags of the library that nothing here makes it use
-    std::size_t most_held_ = 0;
 };
 
 } // namespace
