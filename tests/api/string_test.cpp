@@ -276,8 +276,9 @@ TEST(Locale, ObjectsGiveTheirMemoryBack)
         psp_freelocale(nullptr);
         return mallinfo2().uordblks; // 0 where a sanitizer counts instead
     };
+    // The C library keeps a little for itself, but not an object a round.
     const size_t after_one = taken_after(1);
-    EXPECT_EQ(taken_after(100), after_one);
+    EXPECT_LT(taken_after(100), after_one + 1000);
 }
 
 TEST(Locale, CodeSetIsUtf8OrLeftOpen)
