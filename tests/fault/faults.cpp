@@ -337,6 +337,13 @@ using namespace psptest;
 
 extern "C" {
 
+void psptest_real_calls();
+
+void psptest_real_calls()
+{
+    Fault::clear();
+}
+
 #define WRAP_ROW(name, result, parameters, arguments, failure, error)                              \
     result __real_##name parameters;                                                               \
     result __wrap_##name parameters;                                                               \

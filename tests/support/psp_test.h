@@ -41,6 +41,9 @@
 // Writes the counters of a coverage build; absent in every other build.
 extern "C" void __gcov_dump() __attribute__((weak));
 
+// Ends all that is made to fail or replaced; absent where nothing can be (fault/faults.cpp).
+extern "C" void psptest_real_calls() __attribute__((weak));
+
 namespace psptest {
 
 #ifdef PSPTEST_ASAN
@@ -237,6 +240,16 @@ class CapturedFd {
     std::FILE* sink_;
 };
 
+// Saves the counters of a coverage build. What writes them opens files and allocates itself.
+inline void save_counters()
+{
+    if (__gcov_dump == nullptr)
+        return;
+    if (psptest_real_calls != nullptr)
+        psptest_real_calls();
+    __gcov_dump();
+}
+
 // Exit status of a child in which an expectation failed.
 inline constexpr int child_had_failures = 99;
 
@@ -256,14 +269,13 @@ inline int run_in_child(const std::function<int()>& body)
         if (__gcov_dump != nullptr)
             std::signal(SIGABRT, [](int) { // back to the default, and on to the abort
                 std::signal(SIGABRT, SIG_DFL);
-                __gcov_dump();
+                save_counters();
             });
         int status = body();
         if (failed_parts() != before)
             status = child_had_failures;
         std::fflush(nullptr);
-        if (__gcov_dump != nullptr)
-            __gcov_dump();
+        save_counters();
         _exit(status);
     }
     int status = 0;
