@@ -271,22 +271,17 @@ CUT cut_of(const BLOCK_CHUNK_HDR* chunk)
     return cut_of(block->size - sizeof(LARGE_BLOCK_HDR) - sizeof(BLOCK_CHUNK_HDR));
 }
 
-// The chunk and the size of the block whose header is at an address; no chunk when there is none.
-struct FOUND {
-    const BLOCK_CHUNK_HDR* chunk;
-    size_t actual;
-};
-
-FOUND find_block(const BLOCK_ALLOCATOR_ENTRY* alctr, const BLOCK_HDR* block)
+// The size of the block whose header is at an address, 0 when there is none.
+size_t size_of_block(const BLOCK_ALLOCATOR_ENTRY* alctr, const BLOCK_HDR* block)
 {
     for (const BLOCK_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
         const CUT cut = cut_of(chunk);
         const uintptr_t offset = address(block) - address(chunk + 1); // wraps below the chunk
         const size_t step = cut.actual + sizeof(BLOCK_HDR);
         if (offset < cut.count * step)
-            return offset % step == 0 ? FOUND{chunk, cut.actual} : FOUND{nullptr, 0};
+            return offset % step == 0 ? cut.actual : 0;
     }
-    return {nullptr, 0};
+    return 0;
 }
 
 // Follows the free list of a class, whose blocks must be those that are not in use.
@@ -296,7 +291,7 @@ MEM_WALK walk_class(const BLOCK_ALLOCATOR_ENTRY* alctr, const BLOCK_TALLY& tally
     const size_t actual = size_t{16} << index;
     size_t free_blocks = 0;
     for (const BLOCK_HDR* block = info.avail; block; block = block->next) {
-        if (find_block(alctr, block).actual != actual)
+        if (size_of_block(alctr, block) != actual)
             return damaged(MEM_DAMAGE::FREE_LINK, block);
         if (++free_blocks > tally.blocks[index])
             return damaged(MEM_DAMAGE::FREE_CYCLE, &info);
@@ -350,7 +345,7 @@ size_t block_bytes(const TAG_ENTRY* tag, const void* ptr)
     if (tag->t_fcns.alloc_fcn == block_allocator_alloc) {
         const BLOCK_HDR* const block = static_cast<const BLOCK_HDR*>(ptr) - 1;
         const auto* const entry = static_cast<BLOCK_ALLOCATOR_ENTRY*>(tag->t_allocator);
-        const size_t actual = find_block(entry, block).actual;
+        const size_t actual = size_of_block(entry, block);
         return actual != 0 && says_in_use(block, actual) ? actual : 0;
     }
     if (tag->t_fcns.alloc_fcn == stack_allocator_alloc) {

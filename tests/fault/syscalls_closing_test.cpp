@@ -26,10 +26,11 @@ constexpr Excused excused[] = {
      "memcmp memcpy memmove memset bcmp strlen strnlen strchr strrchr strcmp strncmp strcasecmp "
      "strtok_r islower isupper tolower toupper"},
     {"computes a number: that it does not fit is a result like any other",
-     "strtod strtof strtoll strtoull floor ceil floorf ceilf __udivti3"},
+     "strtod strtof strtoll strtoull floor ceil floorf ceilf __udivti3 __popcountdi2"},
     {"does not come back", "abort longjmp __longjmp_chk __stack_chk_fail"},
     {"tells what is always there, or that it is not",
      "getenv getpid umask localeconv pthread_self pthread_getspecific __errno_location "
+     "__tls_get_addr "
      "__ctype_b_loc __ctype_tolower_loc __ctype_toupper_loc"},
     {"fails for kinds of mutexes only that the library does not make",
      "pthread_mutex_lock pthread_mutex_unlock pthread_cond_wait pthread_cond_broadcast"},
@@ -37,6 +38,7 @@ constexpr Excused excused[] = {
      "pthread_mutex_destroy pthread_cond_destroy pthread_condattr_destroy freelocale free"},
     {"fails for numbers of signals and actions only that do not exist",
      "pthread_sigmask sigaddset sigemptyset"},
+    {"says why a checked build is about to end", "fwrite"},
     {"writes text of a known kind into room that was measured", "snprintf"},
     {"allocates: the suites of memory make it fail everywhere", "malloc calloc realloc"},
     {"is no function", "stdin stdout stderr _GLOBAL_OFFSET_TABLE_ __dso_handle"},
