@@ -104,16 +104,25 @@ PSP_SEM_ENTRY* semGetNewEntry(const char* file, int32_t line)
     return entry;
 }
 
+// The entry may have held a mutex that is destroyed: should the system refuse, a usable one is
+// left.
+void initSystemMutex(pthread_mutex_t& mutex)
+{
+    mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_init(&mutex, nullptr);
+}
+
 void initMutex(PSP_MUTEX_ENTRY& m)
 {
-    pthread_mutex_init(&m.mutex, nullptr);
+    initSystemMutex(m.mutex);
     relaxed_store(m.count, 0);
     relaxed_store(m.id, 0);
 }
 
 void initEvent(PSP_EVENT_ENTRY& e)
 {
-    pthread_mutex_init(&e.mutex, nullptr);
+    initSystemMutex(e.mutex);
+    e.cond = PTHREAD_COND_INITIALIZER;
     pthread_condattr_t attr{}; // all zero are the defaults, should the system refuse to fill it
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, waitClock());

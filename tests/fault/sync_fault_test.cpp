@@ -247,6 +247,20 @@ TEST_F(SyncFault, AMutexHasTheDefaultAttributes)
     EXPECT_NE(make(PSP_SEM_EVENT), PSP_SEM_INVALID);
 }
 
+TEST_F(SyncFault, AMutexThatTheSystemRefusesToMakeExcludesAllTheSame)
+{
+    const PSP_SEM destroyed = make(PSP_SEM_MUTEX);
+    psp_syncDelete(destroyed);
+    const Fault refusal("pthread_mutex_init", 1, true);
+    const PSP_SEM sem = make(PSP_SEM_MUTEX);
+    ASSERT_EQ(sem, destroyed) << "in the place of one that is gone";
+    psp_syncEnterExcl(sem);
+    EXPECT_EQ(pthread_mutex_trylock(&sem->obj.m.mutex), EBUSY);
+    psp_syncExitExcl(sem);
+    ASSERT_EQ(pthread_mutex_trylock(&sem->obj.m.mutex), 0);
+    pthread_mutex_unlock(&sem->obj.m.mutex);
+}
+
 TEST_F(SyncFault, EveryMutexAndConditionThatIsMadeIsDestroyedByItsDeletionOrTheStop)
 {
     psp_term();
