@@ -9,6 +9,8 @@ MEMORY = f"api_mem_* unit_mem_* fault_mem_* {LOCKS} stress_mem_*"
 STREAM = "api_stream_* fault_stream_* fault_text_*"
 FILES = f"api_file_* unit_file_* fault_file_* {LOCKS} stress_file_*"
 FORMAT = "api_format_* fault_format_*"
+# The tables of what fails look at every family; they come last.
+FAILURES = "fault_memory_* fault_syscalls_*"
 OUTPUT = f"api_output_* api_print_* api_log_* fault_text_* {LOCKS} stress_log_*"
 
 FAMILIES = {
@@ -58,7 +60,7 @@ def family(file, names):
     """The suites among `names` for a source file, in the order of the patterns; all of them for a
     file without a row."""
     chosen = []
-    for pattern in FAMILIES.get(file, "*").split():
+    for pattern in f"{FAMILIES.get(file, '*')} {FAILURES}".split():
         chosen.append(sorted(n for n in names if fnmatch(n, pattern)
                              and not any(n in earlier for earlier in chosen)))
     return chosen
