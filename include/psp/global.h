@@ -11,7 +11,8 @@ PSP_BEGIN_DECLS
 
 /**
  * Sets up a new block. Runs under the registry's mutex: it must not register another name, nor
- * print or log, since opening a destination takes that mutex inside its own.
+ * print or log, nor use a pool that has a mutex: opening a destination and a pool's callbacks take
+ * the registry's mutex inside their own.
  * @param data the block, filled with zeros
  * @return `sOKAY`; anything else discards the block
  */
