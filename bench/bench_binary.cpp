@@ -20,7 +20,7 @@
 #include <random>
 #include <vector>
 
-#ifdef PSP_HAVE_XDR
+#ifdef PSP_PEER_XDR
 #include <rpc/rpc.h>
 #endif
 
@@ -179,7 +179,7 @@ BENCHMARK_CAPTURE(decode, byChance, byChance);
 
 // ---- Records ----
 
-#ifdef PSP_HAVE_XDR
+#ifdef PSP_PEER_XDR
 
 constexpr size_t NAME_SIZE = 16;
 
