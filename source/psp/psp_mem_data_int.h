@@ -273,21 +273,43 @@ void block_allocator_mem_info(const void* alctr, PSP_TAG_MEM_INFO* mem_info);
 // ---- Stack allocator (psp_allocator_stack.cpp) ----
 
 struct STACK_CHUNK_HDR {
-    STACK_CHUNK_HDR* prev; // links of the list that holds the chunk
-    STACK_CHUNK_HDR* next; //
-    uint32_t offset;       // payload bytes handed out
-    uint32_t left;         // payload bytes still free
+    union {
+        STACK_CHUNK_HDR* prev;  // on the list of full chunks: the one that became full later
+        STACK_CHUNK_HDR* newer; // in the tree: the subtree of newer chunks
+    };
+    union {
+        STACK_CHUNK_HDR* next;  // on the list: the one that became full before
+        STACK_CHUNK_HDR* older; // in the tree: the subtree of older chunks
+    };
+    uint32_t offset; // payload bytes handed out
+    uint32_t left;   // payload bytes still free
 };
 
-static_assert(sizeof(STACK_CHUNK_HDR) == 24);
+// The end of the free bytes of a chunk in the tree: the most that any chunk of a subtree has left.
+struct STACK_CHUNK_TAIL {
+    uint32_t newer;
+    uint32_t older;
+};
+
+static_assert(sizeof(STACK_CHUNK_HDR) == 24 && sizeof(STACK_CHUNK_TAIL) == 8);
 
 struct STACK_ALLOCATOR_ENTRY {
-    STACK_CHUNK_HDR* partial_chunks; // with space left, newest first
-    STACK_CHUNK_HDR* full_chunks;    // without
+    STACK_CHUNK_HDR* partial_chunks; // the newest chunk with space left
+    STACK_CHUNK_HDR* full_chunks;    // those without; the last to become full first
     size_t blocksize;                // smallest payload of a new chunk
     PSP_TAG_MEM_INFO mem_info;       // used: handed out; the others stay 0
-    size_t left_behind;              // no partial chunk behind the first has more left than this
+    STACK_CHUNK_HDR* behind;         // the tree of the other chunks with space left
 };
+
+// A parent in the tree has a higher rank than its children. The rank mixes the address, no two
+// chunks have the same, and the tree is as deep as one built in random order.
+inline uint64_t stack_chunk_rank(const STACK_CHUNK_HDR* chunk)
+{
+    const uint64_t mixed = reinterpret_cast<uintptr_t>(chunk) * 0x9E3779B97F4A7C15u;
+    return (mixed ^ mixed >> 32) * 0xD6E8FEB86659FD93u;
+}
+
+STACK_CHUNK_TAIL stack_chunk_tail(const STACK_CHUNK_HDR* chunk); // of one in the tree
 
 void* stack_allocator_create(ALLOCATOR_FCNS* fcns);
 void stack_allocator_destroy(void* alctr);

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <bit>
+#include <initializer_list>
+#include <utility>
 
 namespace {
 
@@ -307,28 +309,86 @@ MEM_WALK walk_class(const BLOCK_ALLOCATOR_ENTRY* alctr, const BLOCK_TALLY& tally
 
 constexpr size_t STACK_UNIT = 8;
 
+// A chunk with `bytes` behind its header.
+MEM_WALK walk_stack_chunk(const STACK_ALLOCATOR_ENTRY* alctr, const STACK_CHUNK_HDR* chunk,
+                          size_t bytes, bool full)
+{
+    if (bytes < alctr->blocksize || size_t{chunk->offset} + chunk->left != bytes ||
+        chunk->offset % STACK_UNIT != 0)
+        return damaged(MEM_DAMAGE::CHUNK_SIZE, chunk);
+    if ((chunk->left == 0) != full)
+        return damaged(MEM_DAMAGE::CHUNK_STATE, chunk);
+    return sound(0);
+}
+
 MEM_WALK walk_stack_chunks(const STACK_ALLOCATOR_ENTRY* alctr, const STACK_CHUNK_HDR* first,
                            bool full, size_t* handed_out)
 {
     return walk_chunks(first, [=](const STACK_CHUNK_HDR* chunk, size_t bytes) {
-        if (bytes < alctr->blocksize || size_t{chunk->offset} + chunk->left != bytes ||
-            chunk->offset % STACK_UNIT != 0)
-            return damaged(MEM_DAMAGE::CHUNK_SIZE, chunk);
-        if ((chunk->left == 0) != full)
-            return damaged(MEM_DAMAGE::CHUNK_STATE, chunk);
-        if (!full && chunk != first && chunk->left > alctr->left_behind)
-            return damaged(MEM_DAMAGE::BOUND, chunk);
-        *handed_out += chunk->offset;
-        return sound(0);
+        const MEM_WALK walk = walk_stack_chunk(alctr, chunk, bytes, full);
+        if (!failed(walk))
+            *handed_out += chunk->offset;
+        return walk;
     });
 }
 
-bool stack_holds(const STACK_CHUNK_HDR* chunk, const void* ptr)
+// What a tree of chunks with space left has handed out, and the most that one of them has left.
+struct STACK_TALLY {
+    size_t handed_out;
+    uint32_t most_left;
+};
+
+// The ranks fall from parent to child, so that the way down comes to an end.
+MEM_WALK walk_stack_tree(const STACK_ALLOCATOR_ENTRY* alctr, const STACK_CHUNK_HDR* tree,
+                         STACK_TALLY* tally)
 {
-    for (; chunk; chunk = chunk->next)
-        if (address(ptr) - address(chunk + 1) < chunk->offset && aligned(ptr, STACK_UNIT))
+    constexpr size_t headers = sizeof(LARGE_BLOCK_HDR) + sizeof(STACK_CHUNK_HDR);
+    const size_t whole = large_block_bytes(tree);
+    if (whole == 0)
+        return damaged(MEM_DAMAGE::CHUNK_PLACE, tree);
+    if (whole < headers)
+        return damaged(MEM_DAMAGE::CHUNK_SIZE, tree);
+    const MEM_WALK own = walk_stack_chunk(alctr, tree, whole - headers, false);
+    if (failed(own))
+        return own;
+    const STACK_CHUNK_TAIL tail = stack_chunk_tail(tree);
+    size_t held = whole;
+    *tally = {tree->offset, tree->left};
+    for (const auto& [below, most] :
+         {std::pair{tree->newer, tail.newer}, std::pair{tree->older, tail.older}}) {
+        STACK_TALLY part = {};
+        if (below && stack_chunk_rank(below) >= stack_chunk_rank(tree))
+            return damaged(MEM_DAMAGE::CHUNK_LINK, below);
+        const MEM_WALK walk = below ? walk_stack_tree(alctr, below, &part) : sound(0);
+        if (failed(walk))
+            return walk;
+        if (part.most_left != most)
+            return damaged(MEM_DAMAGE::BOUND, tree);
+        held += walk.held;
+        *tally = {tally->handed_out + part.handed_out, std::max(tally->most_left, most)};
+    }
+    return sound(held);
+}
+
+bool is_stack_block(const STACK_CHUNK_HDR* chunk, const void* ptr)
+{
+    return address(ptr) - address(chunk + 1) < chunk->offset && aligned(ptr, STACK_UNIT);
+}
+
+bool stack_tree_holds(const STACK_CHUNK_HDR* tree, const void* ptr)
+{
+    return tree && (is_stack_block(tree, ptr) || stack_tree_holds(tree->newer, ptr) ||
+                    stack_tree_holds(tree->older, ptr));
+}
+
+bool stack_holds(const STACK_ALLOCATOR_ENTRY* alctr, const void* ptr)
+{
+    if (alctr->partial_chunks && is_stack_block(alctr->partial_chunks, ptr))
+        return true;
+    for (const STACK_CHUNK_HDR* chunk = alctr->full_chunks; chunk; chunk = chunk->next)
+        if (is_stack_block(chunk, ptr))
             return true;
-    return false;
+    return stack_tree_holds(alctr->behind, ptr);
 }
 
 // ---- Tags ----
@@ -350,9 +410,7 @@ size_t block_bytes(const TAG_ENTRY* tag, const void* ptr)
     }
     if (tag->t_fcns.alloc_fcn == stack_allocator_alloc) {
         const auto* const stack = static_cast<STACK_ALLOCATOR_ENTRY*>(tag->t_allocator);
-        return stack_holds(stack->partial_chunks, ptr) || stack_holds(stack->full_chunks, ptr)
-                   ? SIZE_MAX
-                   : 0;
+        return stack_holds(stack, ptr) ? SIZE_MAX : 0;
     }
     const auto* const legacy = static_cast<LEGACY_ALLOCATOR_ENTRY*>(tag->t_allocator);
     const LEGACY_HDR* hdr = legacy->a_first;
@@ -421,16 +479,22 @@ MEM_WALK psp_walkBlock(const BLOCK_ALLOCATOR_ENTRY* alctr)
 MEM_WALK psp_walkStack(const STACK_ALLOCATOR_ENTRY* alctr)
 {
     size_t handed_out = 0;
-    const MEM_WALK partial = walk_stack_chunks(alctr, alctr->partial_chunks, false, &handed_out);
-    if (failed(partial))
-        return partial;
+    const MEM_WALK newest = walk_stack_chunks(alctr, alctr->partial_chunks, false, &handed_out);
+    if (failed(newest))
+        return newest;
+    STACK_TALLY tally = {};
+    const MEM_WALK behind =
+        alctr->behind ? walk_stack_tree(alctr, alctr->behind, &tally) : sound(0);
+    if (failed(behind))
+        return behind;
     const MEM_WALK full = walk_stack_chunks(alctr, alctr->full_chunks, true, &handed_out);
     if (failed(full))
         return full;
+    handed_out += tally.handed_out;
     const PSP_MEM_INFO& used = alctr->mem_info.used;
     if (used.current < handed_out || used.max < used.current)
         return damaged(MEM_DAMAGE::COUNTER, alctr);
-    return sound(partial.held + full.held);
+    return sound(newest.held + behind.held + full.held);
 }
 
 // The heap looks after its blocks itself; only the links are this library's.

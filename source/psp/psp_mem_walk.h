@@ -21,7 +21,7 @@ enum class MEM_DAMAGE : int32_t {
     FREE_CYCLE,     // a free list does not end
     FREE_NEIGHBORS, // two free blocks lie side by side
     REFILL,         // a size class makes chunks of a wrong number of blocks
-    BOUND,          // a stack tag passes by chunks that have room
+    BOUND,          // a stack tag knows wrongly how much room its chunks have
     COUNTER,        // a counter is not what the walk counts
     BUFFER,         // the caller's buffer and the mark of its use contradict each other
     TAG_LINK,       // the list of tags does not lead back, or not to records of tags

@@ -3,6 +3,7 @@
 #include "support/walk_test.h"
 
 #include "psp/pool.h"
+#include "psp_track.h"
 
 #include <gtest/gtest.h>
 
@@ -160,7 +161,11 @@ class StackWalk : public Walk {
         stack_allocator_alloc(4000, &entry_); // 96 left
         stack_allocator_alloc(3000, &entry_);
         stack_allocator_alloc(5000, &entry_); // full
+        for (int i = 0; i < 20; i++)
+            stack_allocator_alloc(4000, &entry_);
         head_ = entry_.partial_chunks;
+        root_ = entry_.behind;
+        ASSERT_TRUE(root_ != nullptr && root_->newer != nullptr && root_->older != nullptr);
         expect_sound(entry_);
     }
     void TearDown() override
@@ -177,11 +182,12 @@ class StackWalk : public Walk {
 
     STACK_ALLOCATOR_ENTRY entry_{};
     STACK_CHUNK_HDR* head_ = nullptr;
+    STACK_CHUNK_HDR* root_ = nullptr; // of the chunks behind
 };
 
 TEST_F(StackWalk, FindsAChunkThatIsNoLargeBlock)
 {
-    for (STACK_CHUNK_HDR** list : {&entry_.partial_chunks, &entry_.full_chunks}) {
+    for (STACK_CHUNK_HDR** list : {&entry_.partial_chunks, &entry_.behind, &entry_.full_chunks}) {
         const Planted planted(*list, reinterpret_cast<STACK_CHUNK_HDR*>(nowhere));
         expect_found(MEM_DAMAGE::CHUNK_PLACE, nowhere);
     }
@@ -189,10 +195,20 @@ TEST_F(StackWalk, FindsAChunkThatIsNoLargeBlock)
 
 TEST_F(StackWalk, FindsALinkThatDoesNotLeadBack)
 {
-    for (STACK_CHUNK_HDR* chunk : {head_->next, entry_.full_chunks}) {
+    for (STACK_CHUNK_HDR* chunk : {head_, entry_.full_chunks}) {
         const Planted planted(chunk->prev, chunk);
         expect_found(MEM_DAMAGE::CHUNK_LINK, chunk);
     }
+}
+
+TEST_F(StackWalk, FindsATreeThatLeadsInACircle)
+{
+    for (STACK_CHUNK_HDR** link : {&root_->newer, &root_->older}) {
+        const Planted planted(*link, root_);
+        expect_found(MEM_DAMAGE::CHUNK_LINK, root_);
+    }
+    const Planted planted(root_->older->older, root_);
+    expect_found(MEM_DAMAGE::CHUNK_LINK, root_);
 }
 
 TEST_F(StackWalk, FindsAChunkWhosePartsDoNotMakeIt)
@@ -222,23 +238,36 @@ TEST_F(StackWalk, FindsAChunkOnTheWrongList)
         expect_found(MEM_DAMAGE::CHUNK_STATE, head_);
     }
     STACK_CHUNK_HDR* full = entry_.full_chunks;
-    const Planted partial(entry_.partial_chunks, full);
+    {
+        const Planted partial(entry_.partial_chunks, full);
+        expect_found(MEM_DAMAGE::CHUNK_STATE, full);
+    }
+    const Planted behind(entry_.behind, full);
     expect_found(MEM_DAMAGE::CHUNK_STATE, full);
 }
 
-TEST_F(StackWalk, FindsABoundThatPassesByRoom)
+TEST_F(StackWalk, FindsATreeThatKnowsItsRoomWrongly)
 {
-    const Planted planted(entry_.left_behind, 95);
-    expect_found(MEM_DAMAGE::BOUND, head_->next);
+    auto* tail = reinterpret_cast<STACK_CHUNK_TAIL*>(moved_by(root_, 24 + 4096)) - 1;
+    const STACK_CHUNK_TAIL before = stack_chunk_tail(root_);
+    for (const STACK_CHUNK_TAIL wrong :
+         {STACK_CHUNK_TAIL{before.newer - 8, before.older}, {before.newer, before.older + 8}}) {
+        psp_track_open(tail, sizeof *tail);
+        *tail = wrong;
+        expect_found(MEM_DAMAGE::BOUND, root_);
+    }
+    psp_track_open(tail, sizeof *tail);
+    *tail = before;
+    psp_track_close(tail, sizeof *tail);
 }
 
 TEST_F(StackWalk, FindsBlocksThatAreNotCounted)
 {
     {
-        const Planted planted(entry_.mem_info.used.current, 11999);
+        const Planted planted(entry_.mem_info.used.current, 91999);
         expect_found(MEM_DAMAGE::COUNTER, &entry_);
     }
-    const Planted planted(entry_.mem_info.used.max, 11999);
+    const Planted planted(entry_.mem_info.used.max, 91999);
     expect_found(MEM_DAMAGE::COUNTER, &entry_);
 }
 

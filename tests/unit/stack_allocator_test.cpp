@@ -16,19 +16,43 @@ using namespace psptest;
 
 namespace {
 
-void expect_same_chunks(const STACK_CHUNK_HDR* hdr, const std::list<StackModel::Chunk>& chunks)
+// The chunks of a tree, the newest first.
+void append_tree(const STACK_CHUNK_HDR* tree, std::vector<const STACK_CHUNK_HDR*>& chunks)
 {
-    const STACK_CHUNK_HDR* before = nullptr;
-    auto chunk = chunks.begin();
-    for (; hdr != nullptr; hdr = hdr->next, ++chunk) {
-        ASSERT_NE(chunk, chunks.end());
-        ASSERT_EQ(address_of(hdr), chunk->address);
-        ASSERT_EQ(hdr->offset, chunk->offset);
-        ASSERT_EQ(hdr->left, chunk->left);
-        ASSERT_EQ(hdr->prev, before);
-        before = hdr;
+    if (tree == nullptr)
+        return;
+    append_tree(tree->newer, chunks);
+    chunks.push_back(tree);
+    append_tree(tree->older, chunks);
+}
+
+void expect_same_chunks(const std::vector<const STACK_CHUNK_HDR*>& hdrs,
+                        const std::list<StackModel::Chunk>& chunks)
+{
+    ASSERT_EQ(hdrs.size(), chunks.size());
+    auto hdr = hdrs.begin();
+    for (const StackModel::Chunk& chunk : chunks) {
+        ASSERT_EQ(address_of(*hdr), chunk.address);
+        ASSERT_EQ((*hdr)->offset, chunk.offset);
+        ASSERT_EQ((*hdr)->left, chunk.left);
+        ++hdr;
     }
-    ASSERT_EQ(chunk, chunks.end());
+}
+
+void expect_same_chunks(const STACK_ALLOCATOR_ENTRY& entry, const StackModel& model)
+{
+    std::vector<const STACK_CHUNK_HDR*> partial;
+    if (entry.partial_chunks != nullptr)
+        partial.push_back(entry.partial_chunks);
+    append_tree(entry.behind, partial);
+    expect_same_chunks(partial, model.partial);
+
+    std::vector<const STACK_CHUNK_HDR*> full;
+    for (const STACK_CHUNK_HDR* hdr = entry.full_chunks; hdr != nullptr; hdr = hdr->next) {
+        ASSERT_EQ(hdr->prev, full.empty() ? nullptr : full.back());
+        full.push_back(hdr);
+    }
+    expect_same_chunks(full, model.full);
 }
 
 class StackAllocator : public ::testing::Test {
@@ -123,17 +147,31 @@ TEST_F(StackAllocator, TakesTheFirstPartialChunkWithRoom)
     EXPECT_EQ(entry_.partial_chunks, nullptr);
 }
 
-TEST_F(StackAllocator, LearnsFromAVainSearchWhatIsLeftBehindTheHead)
+TEST_F(StackAllocator, FindsTheNewestOfManyChunksWithRoom)
 {
-    alloc(4000); // 96 left
-    alloc(3000); // in a new chunk, 1096 left
-    alloc(2000); // in another, 2096 left
-    EXPECT_EQ(entry_.left_behind, 1096u);
-    alloc(2096);
-    alloc(1096); // two chunks are full, the first one is the head
-    EXPECT_EQ(entry_.left_behind, 1096u) << "a bound that nothing lowers but a search";
-    alloc(1000); // nothing behind the head; the new chunk makes that the one behind
-    EXPECT_EQ(entry_.left_behind, 96u);
+    std::vector<char*> blocks; // of chunk i, which has 8 * (1 + i % 100) bytes left
+    for (std::size_t i = 0; i < 1000; i++)
+        blocks.push_back(alloc(4096 - 8 * (1 + i % 100)));
+    EXPECT_EQ(alloc(800), blocks[999] + 3296); // the newest chunk of all is full now
+    EXPECT_EQ(alloc(800), blocks[899] + 3296);
+    EXPECT_EQ(alloc(792), blocks[998] + 3304);
+    EXPECT_EQ(alloc(784), blocks[997] + 3312);
+    EXPECT_EQ(alloc(8), blocks[996] + 3320);
+    EXPECT_EQ(alloc(776), blocks[898] + 3304);
+    EXPECT_EQ(alloc(768), blocks[996] + 3328);
+}
+
+TEST_F(StackAllocator, AnEmptyRequestTakesNothingOfTheNewestChunk)
+{
+    char* a = alloc(0); // in a new chunk
+    EXPECT_EQ(alloc(4096), a);
+    EXPECT_EQ(entry_.partial_chunks, nullptr);
+    char* b = alloc(4000);
+    char* c = alloc(3000);
+    EXPECT_EQ(alloc(0), c + 3000);
+    EXPECT_EQ(alloc(1096), c + 3000);
+    EXPECT_EQ(alloc(0), b + 4000);
+    EXPECT_EQ(info().used.current, 4096u + 4000 + 3000 + 1096);
 }
 
 TEST_F(StackAllocator, FreeingOneBlockDoesNothing)
@@ -239,8 +277,7 @@ class StackHarness {
         stack_allocator_mem_info(&entry_, &info);
         ASSERT_EQ(info, (PSP_TAG_MEM_INFO{model_.used.info(), {}, {}}));
         ASSERT_EQ(psp_mem_stats, large_.stats());
-        expect_same_chunks(entry_.partial_chunks, model_.partial);
-        expect_same_chunks(entry_.full_chunks, model_.full);
+        expect_same_chunks(entry_, model_);
         expect_same_lists(LargeBlock, large_.blocks());
     }
 
@@ -257,6 +294,18 @@ class StackHarness {
     StackModel model_;
 };
 
+// Leaves a rest of up to a hundred bytes in each of many chunks, and fills them from anywhere.
+class ManyChunks : public StackHarness {
+  public:
+    using StackHarness::StackHarness;
+
+    std::size_t random_size(std::mt19937& random)
+    {
+        psp_memlimit = 0;
+        return random() % 4 == 0 ? 3500 + random() % 600 : random() % 600;
+    }
+};
+
 class StackAllocatorModel : public StackAllocator,
                             public ::testing::WithParamInterface<unsigned> {};
 
@@ -265,6 +314,18 @@ TEST_P(StackAllocatorModel, AgreesOnEveryAddressAndChunk)
     StackHarness harness(entry_, LargeBlockSpy::log());
     for (unsigned round = 0; round < in_long_run(3u, 600u) && !HasFailure(); round++) {
         drive(harness, round * 10 + GetParam(), in_long_run(1500, 3500), 1500);
+        if (HasFailure())
+            return;
+        harness.free_all();
+        harness.check();
+    }
+}
+
+TEST_P(StackAllocatorModel, AgreesOverManyChunksWithALittleRoom)
+{
+    ManyChunks harness(entry_, LargeBlockSpy::log());
+    for (unsigned round = 0; round < in_long_run(2u, 400u) && !HasFailure(); round++) {
+        drive(harness, round * 10 + GetParam(), in_long_run(3000, 6000), 6000);
         if (HasFailure())
             return;
         harness.free_all();
