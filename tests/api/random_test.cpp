@@ -102,6 +102,35 @@ TEST_F(Random, FollowsTheModelsThroughManyTwists)
     }
 }
 
+void expect_words_of(std::uint32_t seed, PSP_RAND generator)
+{
+    psp_randResetSeed(generator, seed);
+    PlainTwister plain(seed);
+    for (int drawn = 0; drawn < 625; drawn++)
+        ASSERT_EQ(psp_randGetUInt32(generator), plain.next())
+            << "seed " << seed << ", draw " << drawn;
+}
+
+TEST_F(Random, FollowsTheModelFromManySeeds)
+{
+    const Generator generator(1);
+    std::mt19937 choose(3);
+    for (std::uint32_t seed = 0; seed < 1000; seed++) {
+        ASSERT_NO_FATAL_FAILURE(expect_words_of(seed, generator));
+        ASSERT_NO_FATAL_FAILURE(expect_words_of(static_cast<std::uint32_t>(choose()), generator));
+    }
+}
+
+// Seeds of which a word changes its two topmost bits when its place is added: 0 to 1, 1 to 2, 2 to
+// 3 and 3 to 0.
+TEST_F(Random, FollowsTheModelWhereAPlaceCarriesIntoTheTopmostBits)
+{
+    const Generator generator(1);
+    for (const std::uint32_t seed : {26603u, 28624u, 36265u, 41080u, 2901u, 11206u, 46214u, 4307u,
+                                     4509u, 33169u, 7974u, 27865u})
+        ASSERT_NO_FATAL_FAILURE(expect_words_of(seed, generator));
+}
+
 TEST_F(Random, SeedZeroMeansTheDefaultAtCreationOnly)
 {
     for (const bool with_lock : {false, true}) {
