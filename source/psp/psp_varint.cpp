@@ -1,18 +1,21 @@
 // Variable-length integers through byte callbacks.
 //
-// Encoding finds the length by at most four comparisons, decoding by the first byte; the length's
-// row in the codec table then does the work. Encoding calls the row's function directly and runs
-// straight-line code, one call to the callback after the other. Decoding has to jump to a row that
-// a byte which has only just arrived chooses, and all rows share one loop behind it: with lengths
-// mixed by chance, code of its own for each length takes half as long again.
+// The number of a value's bits and one comparison tell its length, and so does the first byte of an
+// encoding. The bytes then follow in one row of code that is left behind the last of them: where
+// lengths are mixed by chance, a processor guesses wrong once for a value, and late enough to have
+// done the value's work meanwhile. Code of its own for each length would wait at its beginning, and
+// a loop would jump back for every byte.
 //
 // Callbacks may leave by longjmp: nothing is held across a call.
 #include "psp_varint_int.h"
 
+#include <bit>
 #include <type_traits>
 #include <utility>
 
 namespace {
+
+constexpr size_t longest = 9; // bytes
 
 // What the format fixes for one length in bytes.
 struct Layout {
@@ -36,52 +39,57 @@ constexpr std::array<Layout, 10> layouts = {{
 }};
 // clang-format on
 
-// Puts out the lower `Count` bytes of the payload, the most significant one first.
-template <size_t Count>
-inline ZYN_RETCODE outputBytes(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, uintmax_t payload)
+// Puts out `val`, which lies in the range of `length`. A shift by 64 bits leaves what does not
+// count.
+inline ZYN_RETCODE encodeBytes(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, size_t length, uintmax_t val)
 {
+    const Layout& layout = layouts[length];
+    const uintmax_t payload = val - layout.offset;
+    const auto top = static_cast<uint8_t>(payload >> (8 * (length - 1) % 64));
+    uint32_t byte = layout.mark | (top & layout.mask);
+    uintmax_t rest = payload << (8 * (longest - length) % 64); // the byte that follows is on top
 #pragma GCC unroll 8
-    for (size_t left = Count; left > 0; left--) {
-        const auto byte = static_cast<uint8_t>(payload >> (8 * (left - 1)));
-        if (const ZYN_RETCODE rc = fcn(ctx, byte); rc != sOKAY)
+    for (size_t count = 1; count < longest; count++) {
+        if (const ZYN_RETCODE rc = fcn(ctx, byte); rc != sOKAY || count == length)
             return rc;
+        byte = static_cast<uint32_t>(rest >> 56);
+        rest <<= 8;
     }
-    return sOKAY;
+    return fcn(ctx, byte);
 }
 
-// Takes `count` bytes more behind the payload's first bits. The sum may wrap: nine bytes hold more
-// than the largest value.
-ZYN_RETCODE decodeBytes(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t count, uintmax_t payload,
-                        uintmax_t offset, uintmax_t* val)
+// Takes what follows the first of `length` bytes. The sum may wrap: nine bytes hold more than the
+// largest value.
+inline ZYN_RETCODE decodeBytes(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t length, uint8_t first,
+                               uintmax_t* val)
 {
-    for (; count > 0; count--) {
+    const Layout& layout = layouts[length];
+    uintmax_t payload = first & layout.mask;
+#pragma GCC unroll 8
+    for (size_t count = 1; count < longest; count++) {
+        if (count == length)
+            break;
         uint32_t byte = 0;
         if (const ZYN_RETCODE rc = fcn(ctx, &byte); rc != sOKAY)
             return rc;
         payload = (payload << 8) | byte;
     }
-    *val = payload + offset;
+    *val = payload + layout.offset;
     return sOKAY;
 }
 
+// The codec itself has no fixed length: these stay out of its way.
 template <size_t Size>
-ZYN_RETCODE encode(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, uintmax_t val)
+[[gnu::cold]] ZYN_RETCODE encode(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, uintmax_t val)
 {
-    constexpr Layout layout = layouts[Size];
-    const uintmax_t payload = val - layout.offset;
-    uint32_t first = layout.mark;
-    if constexpr (layout.mask != 0)
-        first |= static_cast<uint8_t>(payload >> (8 * (Size - 1)));
-    if (const ZYN_RETCODE rc = fcn(ctx, first); rc != sOKAY)
-        return rc;
-    return outputBytes<Size - 1>(fcn, ctx, payload);
+    return encodeBytes(fcn, ctx, Size, val);
 }
 
 template <size_t Size>
-ZYN_RETCODE decode(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uint8_t first, uintmax_t* val)
+[[gnu::cold]] ZYN_RETCODE decode(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uint8_t first,
+                                 uintmax_t* val)
 {
-    constexpr Layout layout = layouts[Size];
-    return decodeBytes(fcn, ctx, Size - 1, first & layout.mask, layout.offset, val);
+    return decodeBytes(fcn, ctx, Size, first, val);
 }
 
 // clang-format off
@@ -129,26 +137,39 @@ constexpr std::array<uint8_t, 256> reverse_lookup = {
 };
 // clang-format on
 
-// A row that is a constant becomes a direct call.
-template <size_t Size>
-static inline ZYN_RETCODE encodeAs(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
+namespace {
+
+// For the values with the same highest bit: the length of the least of them, and the first value
+// that takes a byte more.
+struct Shortest {
+    uintmax_t end[64];
+    uint8_t length[64];
+};
+
+constexpr Shortest shortest = [] {
+    Shortest table{};
+    for (size_t bit = 0; bit < 64; bit++) {
+        const uintmax_t least = bit == 0 ? 0 : uintmax_t{1} << bit;
+        uint8_t length = longest - 1;
+        while (length > 1 && least < layouts[length].offset)
+            length--;
+        table.length[bit] = length;
+        table.end[bit] = layouts[length + 1U].offset;
+    }
+    return table;
+}();
+
+size_t lengthOf(uintmax_t val)
 {
-    return psp_encoder_fcns[Size - 1].encode_fcn(fcn, ctx, val);
+    const auto bit = static_cast<size_t>(std::bit_width(val | 1)) - 1;
+    return shortest.length[bit] + (val >= shortest.end[bit] ? 1U : 0U);
 }
+
+} // namespace
 
 ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
 {
-    if (val < layouts[5].offset) {
-        if (val < layouts[3].offset)
-            return val < layouts[2].offset ? encodeAs<1>(val, fcn, ctx)
-                                           : encodeAs<2>(val, fcn, ctx);
-        return val < layouts[4].offset ? encodeAs<3>(val, fcn, ctx) : encodeAs<4>(val, fcn, ctx);
-    }
-    if (val < layouts[7].offset)
-        return val < layouts[6].offset ? encodeAs<5>(val, fcn, ctx) : encodeAs<6>(val, fcn, ctx);
-    if (val < layouts[8].offset)
-        return encodeAs<7>(val, fcn, ctx);
-    return val < layouts[9].offset ? encodeAs<8>(val, fcn, ctx) : encodeAs<9>(val, fcn, ctx);
+    return encodeBytes(fcn, ctx, lengthOf(val), val);
 }
 
 ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uintmax_t* val)
@@ -160,7 +181,7 @@ ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uintmax_
     const size_t row = reverse_lookup[first];
     if (row >= psp_encoder_fcns.size())
         return eINVVARINT;
-    return psp_encoder_fcns[row].decode_fcn(fcn, ctx, first, val);
+    return decodeBytes(fcn, ctx, row + 1, first, val);
 }
 
 ZYN_RETCODE psp_vintDecodeUInt32(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uint32_t* val)
