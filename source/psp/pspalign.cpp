@@ -5,34 +5,29 @@
 
 namespace {
 
-constexpr std::array<uint16_t, 7> alignData = {
-    1, // ALN_CHAR
-    2, // ALN_INT16
-    4, // ALN_WCHAR
-    4, // ALN_INT32
-    4, // ALN_FLOAT
-    8, // ALN_INT64
-    8, // ALN_DOUBLE
+// Alignments are powers of two: as masks, the bits of an offset that have to be 0.
+constexpr std::array<uint32_t, 7> alignMasks = {
+    0, // ALN_CHAR
+    1, // ALN_INT16
+    3, // ALN_WCHAR
+    3, // ALN_INT32
+    3, // ALN_FLOAT
+    7, // ALN_INT64
+    7, // ALN_DOUBLE
 };
-
-// 0 for a value that is no type: such an offset stays as it is.
-uint32_t alignmentOf(ALIGN_TYPE type)
-{
-    const auto index = static_cast<size_t>(type);
-    return index < alignData.size() ? alignData[index] : 0;
-}
 
 } // namespace
 
 uint32_t psp_align(uint32_t offset, ALIGN_TYPE type)
 {
-    const uint32_t alignment = alignmentOf(type);
-    if (alignment == 0)
-        return offset;
-    return offset + (alignment - offset % alignment) % alignment;
+    const auto index = static_cast<size_t>(type);
+    if (index >= alignMasks.size())
+        return offset; // no type: such an offset stays as it is
+    const uint32_t mask = alignMasks[index];
+    return (offset + mask) & ~mask;
 }
 
 size_t psp_alignBufferSize(size_t initialSize)
 {
-    return initialSize + (-initialSize & 7);
+    return (initialSize + 7) & ~size_t{7};
 }

@@ -9,8 +9,8 @@
 // whenever one of them is called.
 #include "psp_binstream_int.h"
 
-#include "psp/bits.h"
 #include "psp/mem.h"
+#include "psp_bits_int.h"
 #include "pspint.h"
 
 #include <algorithm>
@@ -24,35 +24,15 @@ constexpr uint32_t largestSize = 32768;
 
 constexpr uint32_t nullLength = 0xFFFFFFFF; // in the place of a string's length: no string
 
-// The numbers' byte-order functions under one name.
-inline void swapOrder(int16_t* val)
+// A number between the host's order and the one in which it travels. A stream that swaps makes the
+// detour: a taken branch costs most of what such a short function does.
+template <class T>
+inline void order(T* val, int16_t byteswap)
 {
-    psp_swaporderInt16(val);
-}
-
-inline void swapOrder(int32_t* val)
-{
-    psp_swaporderInt32(val);
-}
-
-inline void swapOrder(uint32_t* val)
-{
-    psp_swaporderUInt32(val);
-}
-
-inline void swapOrder(int64_t* val)
-{
-    psp_swaporderInt64(val);
-}
-
-inline void swapOrder(float* val)
-{
-    psp_swaporderFloat(val);
-}
-
-inline void swapOrder(double* val)
-{
-    psp_swaporderDouble(val);
+    if constexpr (sizeof(T) > 1) {
+        if (byteswap != 0) [[unlikely]]
+            swapBytes(val);
+    }
 }
 
 // ---- Input ----
@@ -88,24 +68,25 @@ ZYN_RETCODE inputBuffGet(PSP_INPUTBUFF in, void* dest, size_t size)
     return sOKAY;
 }
 
+// What does not fit is apart, so that the rest of a get needs no frame.
 template <class T>
-inline ZYN_RETCODE getValue(PSP_INPUTBUFF in, T* val)
+[[gnu::noinline]] ZYN_RETCODE getInPieces(PSP_INPUTBUFF in, T* val)
 {
-    if (val && in->len - in->pos >= sizeof(T)) {
-        memcpy(val, in->buf + in->pos, sizeof(T));
-        in->pos += static_cast<uint32_t>(sizeof(T));
-        return sOKAY;
-    }
-    return inputBuffGet(in, val, sizeof(T));
+    const ZYN_RETCODE rc = inputBuffGet(in, val, sizeof(T));
+    if (rc == sOKAY && val)
+        order(val, in->byteswap);
+    return rc;
 }
 
 template <class T>
-inline ZYN_RETCODE getNumber(PSP_INPUTBUFF in, T* val)
+inline ZYN_RETCODE getValue(PSP_INPUTBUFF in, T* val)
 {
-    const ZYN_RETCODE rc = getValue(in, val);
-    if (rc == sOKAY && val && in->byteswap != 0)
-        swapOrder(val);
-    return rc;
+    if (!val || in->len - in->pos < sizeof(T))
+        return getInPieces(in, val);
+    memcpy(val, in->buf + in->pos, sizeof(T));
+    in->pos += static_cast<uint32_t>(sizeof(T));
+    order(val, in->byteswap);
+    return sOKAY;
 }
 
 // ---- Output ----
@@ -162,23 +143,22 @@ ZYN_RETCODE outBuffPut(PSP_OUTPUTBUFF out, const void* data, size_t size)
     return sOKAY;
 }
 
+// Apart, as with a get.
 template <class T>
-inline ZYN_RETCODE putValue(PSP_OUTPUTBUFF out, const T& val)
+[[gnu::noinline]] ZYN_RETCODE putInPieces(PSP_OUTPUTBUFF out, T val)
 {
-    if (out->size - out->pos >= sizeof(T)) {
-        memcpy(out->buf + out->pos, &val, sizeof(T));
-        out->pos += static_cast<uint32_t>(sizeof(T));
-        return sOKAY;
-    }
-    return outBuffPut(out, &val, sizeof(T));
+    return outBuffPut(out, &val, sizeof val);
 }
 
 template <class T>
-inline ZYN_RETCODE putNumber(PSP_OUTPUTBUFF out, T val)
+inline ZYN_RETCODE putValue(PSP_OUTPUTBUFF out, T val)
 {
-    if (out->byteswap != 0)
-        swapOrder(&val);
-    return putValue(out, val);
+    order(&val, out->byteswap);
+    if (out->size - out->pos < sizeof(T))
+        return putInPieces(out, val);
+    memcpy(out->buf + out->pos, &val, sizeof(T));
+    out->pos += static_cast<uint32_t>(sizeof(T));
+    return sOKAY;
 }
 
 } // namespace
@@ -223,27 +203,27 @@ ZYN_RETCODE psp_inputBuffGetChar(PSP_INPUTBUFF inBuff, char* chval)
 
 ZYN_RETCODE psp_inputBuffGetInt16(PSP_INPUTBUFF inBuff, int16_t* val)
 {
-    return getNumber(inBuff, val);
+    return getValue(inBuff, val);
 }
 
 ZYN_RETCODE psp_inputBuffGetInt32(PSP_INPUTBUFF inBuff, int32_t* val)
 {
-    return getNumber(inBuff, val);
+    return getValue(inBuff, val);
 }
 
 ZYN_RETCODE psp_inputBuffGetInt64(PSP_INPUTBUFF inBuff, int64_t* val)
 {
-    return getNumber(inBuff, val);
+    return getValue(inBuff, val);
 }
 
 ZYN_RETCODE psp_inputBuffGetFloat32(PSP_INPUTBUFF inBuff, float* val)
 {
-    return getNumber(inBuff, val);
+    return getValue(inBuff, val);
 }
 
 ZYN_RETCODE psp_inputBuffGetFloat64(PSP_INPUTBUFF inBuff, double* val)
 {
-    return getNumber(inBuff, val);
+    return getValue(inBuff, val);
 }
 
 ZYN_RETCODE psp_inputBuffGetBytes(PSP_INPUTBUFF inBuff, void* data, size_t size)
@@ -254,7 +234,7 @@ ZYN_RETCODE psp_inputBuffGetBytes(PSP_INPUTBUFF inBuff, void* data, size_t size)
 ZYN_RETCODE psp_inputBuffGetString(PSP_INPUTBUFF inBuff, char** str, PSP_MEMTAG tag)
 {
     uint32_t length = 0;
-    if (const ZYN_RETCODE rc = getNumber(inBuff, &length); rc != sOKAY)
+    if (const ZYN_RETCODE rc = getValue(inBuff, &length); rc != sOKAY)
         return rc;
     if (length == nullLength) {
         if (str)
@@ -277,7 +257,7 @@ ZYN_RETCODE psp_inputBuffGetString(PSP_INPUTBUFF inBuff, char** str, PSP_MEMTAG 
 ZYN_RETCODE psp_inputBuffGetStringWithLength(PSP_INPUTBUFF inBuff, char* str, size_t size)
 {
     uint32_t length = 0;
-    if (const ZYN_RETCODE rc = getNumber(inBuff, &length); rc != sOKAY)
+    if (const ZYN_RETCODE rc = getValue(inBuff, &length); rc != sOKAY)
         return rc;
     if (length == nullLength) {
         if (str)
@@ -339,27 +319,27 @@ ZYN_RETCODE psp_outputBuffPutChar(PSP_OUTPUTBUFF outBuff, char chval)
 
 ZYN_RETCODE psp_outputBuffPutInt16(PSP_OUTPUTBUFF outBuff, int16_t val)
 {
-    return putNumber(outBuff, val);
+    return putValue(outBuff, val);
 }
 
 ZYN_RETCODE psp_outputBuffPutInt32(PSP_OUTPUTBUFF outBuff, int32_t val)
 {
-    return putNumber(outBuff, val);
+    return putValue(outBuff, val);
 }
 
 ZYN_RETCODE psp_outputBuffPutInt64(PSP_OUTPUTBUFF outBuff, int64_t val)
 {
-    return putNumber(outBuff, val);
+    return putValue(outBuff, val);
 }
 
 ZYN_RETCODE psp_outputBuffPutFloat32(PSP_OUTPUTBUFF outBuff, float val)
 {
-    return putNumber(outBuff, val);
+    return putValue(outBuff, val);
 }
 
 ZYN_RETCODE psp_outputBuffPutFloat64(PSP_OUTPUTBUFF outBuff, double val)
 {
-    return putNumber(outBuff, val);
+    return putValue(outBuff, val);
 }
 
 ZYN_RETCODE psp_outputBuffPutBytes(PSP_OUTPUTBUFF outBuff, const void* data, size_t size)
@@ -375,7 +355,7 @@ ZYN_RETCODE psp_outputBuffPutString(PSP_OUTPUTBUFF outBuff, const char* str)
 ZYN_RETCODE psp_outputBuffPutStringWithLength(PSP_OUTPUTBUFF outBuff, const char* str)
 {
     const uint32_t length = str ? static_cast<uint32_t>(strlen(str)) : nullLength;
-    const ZYN_RETCODE rc = putNumber(outBuff, length);
+    const ZYN_RETCODE rc = putValue(outBuff, length);
     if (rc != sOKAY || !str)
         return rc;
     return outBuffPut(outBuff, str, length);

@@ -446,6 +446,96 @@ TEST_F(InputStream, ReadsTheSameWhateverPiecesTheTransportDelivers)
     }
 }
 
+// The library's read callback over the model's transport.
+ZYN_RETCODE deliver(const void* dataCB, void* buf, uint32_t size, uint32_t* len, uint32_t)
+{
+    auto* const transport = static_cast<psptest::ReadTransport*>(const_cast<void*>(dataCB));
+    psptest::Delivery delivery;
+    const std::string part = transport->read(size, &delivery);
+    std::memcpy(buf, part.data(), part.size());
+    *len = static_cast<uint32_t>(part.size());
+    return delivery.rc;
+}
+
+template <class T>
+void expect_number(ZYN_RETCODE (*get)(PSP_INPUTBUFF, T*), PSP_INPUTBUFF in, bool skips,
+                   psptest::BinaryInputModel& model)
+{
+    T expected{};
+    T value{};
+    const ZYN_RETCODE rc = model.get_number(&expected);
+    ASSERT_EQ(get(in, skips ? nullptr : &value), rc);
+    if (rc == sOKAY && !skips) {
+        ASSERT_EQ(std::memcmp(&value, &expected, sizeof value), 0);
+    }
+}
+
+void expect_bytes(PSP_INPUTBUFF in, std::size_t size, psptest::BinaryInputModel& model)
+{
+    std::string expected;
+    std::string got(size, '-');
+    ASSERT_EQ(psp_inputBuffGetBytes(in, got.data(), size), model.get(size, &expected));
+    ASSERT_EQ(got.substr(0, expected.size()), expected);
+}
+
+// A random transport: mostly whole buffers, so that numbers straddle their ends, and some pieces,
+// pauses and failures.
+psptest::ReadTransport random_transport(std::mt19937& random)
+{
+    psptest::ReadTransport transport;
+    transport.end = eEOD;
+    transport.bytes.resize(100'000);
+    std::generate(transport.bytes.begin(), transport.bytes.end(),
+                  [&] { return static_cast<char>(random()); });
+    for (int i = 0; i < 60; ++i) {
+        const auto kind = random() % 10;
+        transport.coming.push_back({kind == 0 ? ZYN_RETCODE{eBADREAD} : ZYN_RETCODE{sOKAY},
+                                    kind < 7 ? SIZE_MAX : random() % 9});
+    }
+    return transport;
+}
+
+TEST_F(InputStream, GivesWhatAModelOfItsBufferPredicts)
+{
+    for (unsigned seed = 1; seed <= 6; ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random(seed);
+        const bool swap = seed % 2 == 0;
+        psptest::ReadTransport transport = random_transport(random);
+        psptest::BinaryInputModel model(transport, swap);
+        PSP_INPUTBUFF in = nullptr;
+        ASSERT_EQ(psp_inputBuffCreate(deliver, &transport, swap, &in), sOKAY);
+        for (int i = 0; i < 25'000 && !HasFatalFailure(); ++i) {
+            const bool skips = random() % 8 == 0;
+            switch (random() % 8) {
+            case 0:
+                expect_number(psp_inputBuffGetChar, in, skips, model);
+                break;
+            case 1:
+                expect_number(psp_inputBuffGetInt16, in, skips, model);
+                break;
+            case 2:
+                expect_number(psp_inputBuffGetInt32, in, skips, model);
+                break;
+            case 3:
+                expect_number(psp_inputBuffGetInt64, in, skips, model);
+                break;
+            case 4:
+                expect_number(psp_inputBuffGetFloat32, in, skips, model);
+                break;
+            case 5:
+                expect_number(psp_inputBuffGetFloat64, in, skips, model);
+                break;
+            default:
+                expect_bytes(in, random() % 20, model);
+            }
+        }
+        EXPECT_EQ(transport.calls, model.transport.calls);
+        EXPECT_EQ(transport.taken, transport.bytes.size());
+        psp_inputBuffDestroy(in);
+    }
+}
+
 TEST_F(InputStream, CallsAgainWhenTheTransportDeliversNothingWithSuccess)
 {
     Reader reader{"x"};

@@ -103,6 +103,17 @@ TEST(HighestBit, CountsFromOne)
     EXPECT_EQ(psp_bitFirstSet64(UINT64_MAX), 64u);
 }
 
+TEST(HighestBit, OfRandomValuesIsTheOneByCounting)
+{
+    std::mt19937_64 random(4);
+    for (int i = 0; i < 10'000; ++i) {
+        const uint64_t value = random() >> (random() & 63);
+        EXPECT_EQ(psp_bitFirstSet64(value), highest_bit_by_counting(value)) << value;
+        const auto low = static_cast<uint32_t>(value);
+        EXPECT_EQ(psp_bitFirstSet(low), highest_bit_by_counting(low)) << low;
+    }
+}
+
 TEST(HighestBit, IsFoundAroundEveryPowerOfTwo)
 {
     for (int bit = 0; bit < 64; ++bit) {
@@ -121,6 +132,18 @@ TEST(BitReversal, MovesEachBitToTheOtherEnd)
     EXPECT_EQ(psp_bitReverse64(0x8000000000000000u), 1u);
     for (int bit = 0; bit < 64; ++bit)
         EXPECT_EQ(psp_bitReverse64(uint64_t{1} << bit), uint64_t{1} << (63 - bit));
+}
+
+TEST(BitReversal, MovesTheBitsOfRandomValuesOneByOne)
+{
+    std::mt19937_64 random(5);
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t value = random();
+        uint64_t reversed = 0;
+        for (int bit = 0; bit < 64; ++bit)
+            reversed |= (value >> bit & 1) << (63 - bit);
+        EXPECT_EQ(psp_bitReverse64(value), reversed) << value;
+    }
 }
 
 TEST(BitReversal, AppliedTwiceRestoresTheValue)
@@ -161,6 +184,12 @@ TEST(Alignment, WrapsInThirtyTwoBits)
 {
     EXPECT_EQ(psp_align(0xFFFFFFFF, ALN_INT64), 0u);
     EXPECT_EQ(psp_align(0xFFFFFFF8, ALN_INT64), 0xFFFFFFF8u);
+}
+
+TEST(Alignment, OfWhatIsNoTypeIsAnyOffset)
+{
+    for (uint32_t offset = 0; offset < 16; ++offset)
+        EXPECT_EQ(psp_align(offset, static_cast<ALIGN_TYPE>(ALN_DOUBLE + 1)), offset);
 }
 
 TEST(Alignment, OfABufferSizeIsEight)
