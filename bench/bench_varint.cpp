@@ -1,9 +1,9 @@
 // Variable-length integers: the library's codec and LEB128, both through the same byte callbacks
 // and both beyond a library's boundary.
 //
-// The lengths are mixed in two ways: in turn, which a processor learns to foresee, and by chance,
-// where every side pays for wrong guesses. Two more sides show what the callbacks cost: the bare
-// calls of them, and a codec that writes to memory without any.
+// Beside small values alone, lengths are mixed in two ways: in turn, which a processor learns to
+// foresee, and by chance, where every side pays for wrong guesses. Two more sides show what the
+// callbacks cost: the bare calls of them, and a codec that writes to memory without any.
 
 #include <algorithm>
 #include <array>
@@ -54,6 +54,15 @@ ZYN_RETCODE get_byte(ZYN_INPUT_CTX ctx, uint32_t* ch)
 }
 
 using Values = std::vector<uint64_t>;
+
+// What most values are: small.
+Values small()
+{
+    Values values;
+    for (size_t i = 0; i < 900; ++i)
+        values.push_back(i % 128);
+    return values;
+}
 
 // A value of each of the nine lengths after the other.
 Values in_turn()
@@ -208,10 +217,14 @@ void decode(bench::Row& row, Values values)
     row.run();
 }
 
+const bench::Registered encode_small("varint", "encode, one byte each", "ns/value",
+                                     [](bench::Row& row) { encode(row, small()); });
 const bench::Registered encode_turn("varint", "encode, lengths in turn", "ns/value",
                                     [](bench::Row& row) { encode(row, in_turn()); });
 const bench::Registered encode_chance("varint", "encode, lengths by chance", "ns/value",
                                       [](bench::Row& row) { encode(row, by_chance()); });
+const bench::Registered decode_small("varint", "decode, one byte each", "ns/value",
+                                     [](bench::Row& row) { decode(row, small()); });
 const bench::Registered decode_turn("varint", "decode, lengths in turn", "ns/value",
                                     [](bench::Row& row) { decode(row, in_turn()); });
 const bench::Registered decode_chance("varint", "decode, lengths by chance", "ns/value",

@@ -4,7 +4,7 @@
 // encoding. The bytes then follow in one row of code that is left behind the last of them: where
 // lengths are mixed by chance, a processor guesses wrong once for a value, and late enough to have
 // done the value's work meanwhile. Code of its own for each length would wait at its beginning, and
-// a loop would jump back for every byte.
+// a loop would jump back for every byte. Values of one byte, the usual ones, go before all that.
 //
 // Callbacks may leave by longjmp: nothing is held across a call.
 #include "psp_varint_int.h"
@@ -169,6 +169,8 @@ size_t lengthOf(uintmax_t val)
 
 ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
 {
+    if (val < layouts[2].offset)
+        return fcn(ctx, static_cast<uint32_t>(val));
     return encodeBytes(fcn, ctx, lengthOf(val), val);
 }
 
@@ -178,6 +180,10 @@ ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uintmax_
     if (const ZYN_RETCODE rc = fcn(ctx, &byte); rc != sOKAY)
         return rc;
     const auto first = static_cast<uint8_t>(byte);
+    if (first < layouts[2].offset) [[likely]] {
+        *val = first;
+        return sOKAY;
+    }
     const size_t row = reverse_lookup[first];
     if (row >= psp_encoder_fcns.size())
         return eINVVARINT;
