@@ -149,7 +149,7 @@ struct Shortest {
 constexpr Shortest shortest = [] {
     Shortest table{};
     for (size_t bit = 0; bit < 64; bit++) {
-        const uintmax_t least = bit == 0 ? 0 : uintmax_t{1} << bit;
+        const uintmax_t least = uintmax_t{1} << bit;
         uint8_t length = longest - 1;
         while (length > 1 && least < layouts[length].offset)
             length--;
@@ -159,9 +159,10 @@ constexpr Shortest shortest = [] {
     return table;
 }();
 
+// Of any value but 0.
 size_t lengthOf(uintmax_t val)
 {
-    const auto bit = static_cast<size_t>(std::bit_width(val | 1)) - 1;
+    const auto bit = static_cast<size_t>(std::bit_width(val)) - 1;
     return shortest.length[bit] + (val >= shortest.end[bit] ? 1U : 0U);
 }
 
