@@ -2,7 +2,9 @@
 //
 // A handle (PSP_SEM) is the address of an entry. Entries stand in blocks of 1024, one block a
 // slot of the table; a block is allocated when all earlier ones are full and never moves, so
-// handles stay valid and need no look-up. The free entries of a block form a chain by index.
+// handles stay valid and need no look-up. The free entries of a block form a chain by index. Those
+// that were never used are its end, in their order. Their memory is not touched before the chain
+// comes to them: a start uses eight, and does not pay for a thousand.
 #pragma once
 
 #include <cstddef>
@@ -41,6 +43,7 @@ struct PSP_SEM_ENTRY {
 struct PSP_SEM_TABLE {
     PSP_SEM_ENTRY* entry; // the block, nullptr until it is needed
     int16_t avail;        // index of the first free entry, SEM_CHAIN_END when the block is full
+    int16_t untouched;    // index of the first entry that was never used
 };
 
 inline constexpr int16_t SEM_CHAIN_END = -1;
@@ -48,6 +51,15 @@ inline constexpr int16_t SEM_ALLOCATED = -2;
 
 inline constexpr size_t SEM_BLOCK_ENTRIES = 1024;
 inline constexpr size_t SEM_TABLE_SLOTS = 128;
+
+// The index of the free entry after a free one.
+inline int16_t sem_after(const PSP_SEM_TABLE& slot, int16_t at)
+{
+    if (at < slot.untouched)
+        return slot.entry[at].avail;
+    const auto next = static_cast<int16_t>(at + 1);
+    return next < int16_t{SEM_BLOCK_ENTRIES} ? next : SEM_CHAIN_END;
+}
 
 // Blocks come from a memory tag, which aligns to 8 bytes only.
 static_assert(alignof(PSP_SEM_ENTRY) <= 8);

@@ -49,18 +49,11 @@ inline clockid_t waitClock()
 // process ends here. No message: printing one needs memory, and at start the stacks are not there.
 void semAddBlock(PSP_SEM_TABLE& slot)
 {
-    constexpr int32_t zeroFilled = 3;
     void* block = psp_memTryGet(SEM_BLOCK_ENTRIES * sizeof(PSP_SEM_ENTRY), PSP_GLOBAL_TAG,
-                                zeroFilled, nullptr);
+                                PSP_MEM_PLAIN, nullptr);
     if (block == nullptr)
         abort();
-    slot.entry = static_cast<PSP_SEM_ENTRY*>(block);
-    for (size_t i = 0; i < SEM_BLOCK_ENTRIES; ++i) {
-        slot.entry[i].avail = static_cast<int16_t>(i + 1);
-        slot.entry[i].owner = &slot;
-    }
-    slot.entry[SEM_BLOCK_ENTRIES - 1].avail = SEM_CHAIN_END;
-    slot.avail = 0;
+    slot = {static_cast<PSP_SEM_ENTRY*>(block), 0, 0};
 }
 
 void lockTable()
@@ -75,18 +68,27 @@ void unlockTable()
     pthread_mutex_unlock(&semTabMutex);
 }
 
+PSP_SEM_ENTRY* semPop(PSP_SEM_TABLE& slot)
+{
+    const int16_t at = slot.avail;
+    PSP_SEM_ENTRY* entry = &slot.entry[at];
+    slot.avail = sem_after(slot, at);
+    if (at == slot.untouched) {
+        ++slot.untouched;
+        entry->owner = &slot;
+    }
+    entry->avail = SEM_ALLOCATED;
+    return entry;
+}
+
 // nullptr when all blocks are full.
 PSP_SEM_ENTRY* semTakeFree()
 {
     for (PSP_SEM_TABLE& slot : sem_table) {
         if (slot.entry == nullptr)
             semAddBlock(slot);
-        if (slot.avail != SEM_CHAIN_END) {
-            PSP_SEM_ENTRY* entry = &slot.entry[slot.avail];
-            slot.avail = entry->avail;
-            entry->avail = SEM_ALLOCATED;
-            return entry;
-        }
+        if (slot.avail != SEM_CHAIN_END)
+            return semPop(slot);
     }
     return nullptr;
 }
@@ -155,10 +157,14 @@ void psemDelete(PSP_SEM_ENTRY& entry)
 
 } // namespace
 
+// Slots get their blocks in their order: what follows the first one without a block is clear.
 void psp_syncInit()
 {
-    for (PSP_SEM_TABLE& slot : sem_table)
+    for (PSP_SEM_TABLE& slot : sem_table) {
+        if (slot.entry == nullptr)
+            break;
         slot = {};
+    }
     relaxed_store(psp_sync_inited, true);
 }
 
@@ -166,10 +172,10 @@ void psp_syncInit()
 void psp_syncShutdown()
 {
     relaxed_store(psp_sync_inited, false);
-    for (PSP_SEM_TABLE& slot : sem_table) {
+    for (const PSP_SEM_TABLE& slot : sem_table) {
         if (slot.entry == nullptr)
-            continue;
-        for (size_t i = 0; i < SEM_BLOCK_ENTRIES; ++i) {
+            break;
+        for (int16_t i = 0; i < slot.untouched; ++i) {
             if (slot.entry[i].avail == SEM_ALLOCATED)
                 psemDelete(slot.entry[i]);
         }

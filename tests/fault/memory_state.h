@@ -64,7 +64,7 @@ template <class Visit>
 void for_each_lock(Visit visit)
 {
     for (const PSP_SEM_TABLE& slot : sem_table)
-        for (std::size_t i = 0; slot.entry != nullptr && i < SEM_BLOCK_ENTRIES; i++)
+        for (int i = 0; i < slot.untouched; i++)
             if (slot.entry[i].avail == SEM_ALLOCATED)
                 visit(slot.entry[i]);
 }

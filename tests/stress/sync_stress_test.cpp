@@ -83,8 +83,8 @@ std::size_t count_free()
         if (slot.entry == nullptr)
             continue;
         std::size_t chain = 0;
-        for (int at = slot.avail; at != SEM_CHAIN_END && chain <= SEM_BLOCK_ENTRIES;
-             at = slot.entry[at].avail)
+        for (std::int16_t at = slot.avail; at != SEM_CHAIN_END && chain <= SEM_BLOCK_ENTRIES;
+             at = sem_after(slot, at))
             chain++;
         EXPECT_LE(chain, SEM_BLOCK_ENTRIES);
         free += chain;

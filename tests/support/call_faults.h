@@ -45,7 +45,7 @@ struct Footprint {
     {
         std::size_t count = 0;
         for (const PSP_SEM_TABLE& slot : sem_table)
-            for (std::size_t i = 0; slot.entry != nullptr && i < SEM_BLOCK_ENTRIES; i++) {
+            for (int i = 0; i < slot.untouched; i++) {
                 const PSP_SEM_ENTRY& entry = slot.entry[i];
                 if (entry.avail == SEM_ALLOCATED)
                     count += !held || (entry.type == PSP_SEM_MUTEX && entry.obj.m.count != 0);

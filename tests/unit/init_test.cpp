@@ -66,7 +66,7 @@ TEST_F(Start, LeavesTheCallingThreadWithoutATag)
 TEST_F(Start, LeavesNoMutexHeld)
 {
     const PSP_SEM_TABLE& slot = sem_table[0];
-    for (std::size_t i = 0; i < SEM_BLOCK_ENTRIES; i++) {
+    for (int i = 0; i < slot.untouched; i++) {
         const PSP_SEM_ENTRY& entry = slot.entry[i];
         if (entry.type == PSP_SEM_MUTEX) {
             EXPECT_EQ(entry.obj.m.count, 0) << "entry " << i;

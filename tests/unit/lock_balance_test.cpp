@@ -35,12 +35,12 @@ class Locks : public PspTest {
     static std::ptrdiff_t taken()
     {
         return std::count_if(
-            sem_table[0].entry, sem_table[0].entry + SEM_BLOCK_ENTRIES,
+            sem_table[0].entry, sem_table[0].entry + sem_table[0].untouched,
             [](const PSP_SEM_ENTRY& entry) { return entry.avail == SEM_ALLOCATED; });
     }
     static void expect_balanced(const char* after)
     {
-        for (std::size_t i = 0; i < SEM_BLOCK_ENTRIES; i++) {
+        for (int i = 0; i < sem_table[0].untouched; i++) {
             const PSP_SEM_ENTRY& entry = sem_table[0].entry[i];
             if (entry.type != PSP_SEM_EVENT) { // deleted ones too: none may be deleted while held
                 ASSERT_EQ(entry.obj.m.count, 0) << "entry " << i << " after " << after;

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <thread>
 #include <vector>
@@ -41,7 +42,8 @@ int index_of(PSP_SEM sem)
 std::vector<int> chain_of(const PSP_SEM_TABLE& slot)
 {
     std::vector<int> chain;
-    for (int at = slot.avail; at != -1 && chain.size() <= block_entries; at = slot.entry[at].avail)
+    for (std::int16_t at = slot.avail; at != -1 && chain.size() <= block_entries;
+         at = sem_after(slot, at))
         chain.push_back(at);
     return chain;
 }
@@ -60,20 +62,46 @@ TEST_F(SyncTable, BeginsWithOneBlock)
     EXPECT_TRUE(psp_sync_inited);
     EXPECT_EQ(blocks_in_use(), 1);
     ASSERT_NE(sem_table[0].entry, nullptr);
-    for (int i = 0; i < block_entries; i++)
-        EXPECT_EQ(sem_table[0].entry[i].owner, &sem_table[0]);
     // The library's own objects come first; the rest is one chain upwards from there.
     const std::vector<int> chain = chain_of(sem_table[0]);
     ASSERT_FALSE(chain.empty());
     const int own = block_entries - static_cast<int>(chain.size());
     for (int i = 0; i < own; i++) {
+        EXPECT_EQ(sem_table[0].entry[i].owner, &sem_table[0]);
         EXPECT_EQ(sem_table[0].entry[i].avail, -2);
         EXPECT_EQ(sem_table[0].entry[i].type, 1);
     }
-    for (int i = own; i < block_entries; i++) {
+    for (int i = own; i < block_entries; i++)
         EXPECT_EQ(chain[static_cast<std::size_t>(i - own)], i);
-        EXPECT_EQ(sem_table[0].entry[i].type, 0);
+    EXPECT_EQ(sem_table[0].untouched, own) << "no entry is set up before it is needed";
+}
+
+TEST_F(SyncTable, SetsUpAnEntryWhateverItsMemoryHeld)
+{
+    PSP_SEM_TABLE& slot = sem_table[0];
+    std::memset(static_cast<void*>(slot.entry + slot.untouched), 0xA5,
+                static_cast<std::size_t>(block_entries - slot.untouched) * sizeof *slot.entry);
+    for (const int type : {1, 2, 1}) {
+        const int place = slot.untouched;
+        const PSP_SEM sem = make(type);
+        ASSERT_EQ(sem, &slot.entry[place]);
+        EXPECT_EQ(slot.untouched, place + 1);
+        EXPECT_EQ(slot.avail, place + 1);
+        EXPECT_EQ(sem->owner, &slot);
+        EXPECT_EQ(sem->type, type);
+        EXPECT_EQ(sem->avail, -2);
     }
+    const PSP_SEM last = make(1);
+    EXPECT_EQ(last->obj.m.count, 0);
+    EXPECT_EQ(last->obj.m.id, psp_thread_id_t{});
+    psp_syncEnterExcl(last);
+    psp_syncExitExcl(last);
+    const int touched = slot.untouched;
+    psp_syncDelete(last);
+    EXPECT_EQ(make(2), last) << "a used entry comes before those that were never used";
+    EXPECT_EQ(slot.untouched, touched);
+    psp_syncStart(last);
+    EXPECT_EQ(psp_syncWait(last, 0), sTIMEOUT);
 }
 
 TEST_F(SyncTable, HoldsTheMutexesOfTheMemoryLayerInOrder)
@@ -143,7 +171,7 @@ TEST_F(SyncTable, MarksTheEntryOfAnEvent)
 TEST_F(SyncTable, LeavesTheEntryOfAnInvalidTypeTaken)
 {
     const int place = sem_table[0].avail;
-    const std::int16_t next = sem_table[0].entry[place].avail;
+    const std::int16_t next = sem_after(sem_table[0], sem_table[0].avail);
     CapturedFd out(1);
     EXPECT_EQ(make(77), PSP_SEM_INVALID);
     EXPECT_EQ(out.finish(), "Invalid semaphore type\n");
@@ -169,7 +197,8 @@ TEST_F(SyncTable, OpensASecondBlockWhenTheFirstIsFull)
     EXPECT_EQ(blocks_in_use(), 2);
     EXPECT_EQ(sem_table[0].entry, first_block) << "blocks never move";
     EXPECT_EQ(sem_table[1].avail, 1);
-    EXPECT_EQ(sem_table[1].entry[block_entries - 1].avail, -1);
+    EXPECT_EQ(sem_table[1].untouched, 1);
+    EXPECT_EQ(chain_of(sem_table[1]).back(), block_entries - 1);
 
     psp_syncDelete(made[100]);
     EXPECT_EQ(make(2), made[100]) << "lower slots first";
