@@ -285,6 +285,8 @@ ZYN_RETCODE psp_syncWait(PSP_SEM sem, uint32_t timeout)
     while (e.flag == 0 && rc != sTIMEOUT) {
         if (timeout == PSP_SYNC_FOREVER)
             pthread_cond_wait(&e.cond, &e.mutex);
+        else if (timeout == 0)
+            rc = sTIMEOUT; // the system would sleep for as long as its timers are inexact
         else
             rc = psp_posix_cond_timedwait(&e.cond, &e.mutex, timeout);
     }
