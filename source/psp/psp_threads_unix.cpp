@@ -117,7 +117,7 @@ void initSystemMutex(pthread_mutex_t& mutex)
 void initMutex(PSP_MUTEX_ENTRY& m)
 {
     initSystemMutex(m.mutex);
-    relaxed_store(m.count, 0);
+    m.count = 0;
     relaxed_store(m.id, 0);
 }
 
@@ -216,11 +216,12 @@ void psp_syncDelete(PSP_SEM sem)
 }
 
 // The id is read without the lock. Only the holder can find its own id there, and it alone changes
-// count and id while it holds the mutex, so any other value means "not mine"; id is 0 while nobody
-// holds it, so one comparison also says that count is not 0.
+// the id while it holds the mutex, so any other value means "not mine"; id is 0 while nobody holds
+// it, so one comparison also says that count is not 0. The count is the holder's alone: it changes
+// in place, by one instruction, where an atomic load and a store would be three.
 //
-// The layout is measured: a nested entry needs no call, no stack frame and no jump, which makes it
-// as cheap as a call of an empty function; the first level falls through to the system's unlock.
+// The layout is measured: a nested pair needs no call, no stack frame and no jump, which makes it
+// nearly as cheap as two calls of empty functions; the first level can bear a jump.
 // The alignment keeps both at that wherever the linker puts them.
 [[gnu::aligned(64)]] ZYN_RETCODE psp_syncEnterExcl(PSP_SEM sem)
 {
@@ -228,12 +229,12 @@ void psp_syncDelete(PSP_SEM sem)
         return sOKAY;
     PSP_MUTEX_ENTRY& m = sem->obj.m;
     if (relaxed_load(m.id) == callingThread()) [[likely]] {
-        relaxed_store(m.count, relaxed_load(m.count) + 1);
+        ++m.count;
         return sOKAY;
     }
     psp_rankEnter(rank_of(*sem), sem);
     pthread_mutex_lock(&m.mutex);
-    relaxed_store(m.count, 1);
+    m.count = 1;
     relaxed_store(m.id, callingThread());
     return sOKAY;
 }
@@ -245,9 +246,7 @@ void psp_syncDelete(PSP_SEM sem)
         return;
     }
     PSP_MUTEX_ENTRY& m = sem->obj.m;
-    const int32_t count = relaxed_load(m.count) - 1;
-    relaxed_store(m.count, count);
-    if (count != 0) [[unlikely]]
+    if (--m.count != 0) [[likely]]
         return;
     relaxed_store(m.id, 0);
     psp_rankLeave(sem);
