@@ -9,6 +9,8 @@
 // Closing must never change errno: the caller is about to read why an earlier call failed.
 #include "psp/file.h"
 
+#include <atomic>
+
 #include "psp/core.h"
 #include "psp/global.h"
 #include "psp/mem.h"
@@ -16,6 +18,7 @@
 #include "psp_atomic.h"
 #include "psp_file_int.h"
 #include "psp_file_transfer.h"
+#include "psp_mem_data_int.h"
 #include "psp_sync_int.h"
 #include "pspint.h"
 #include "pspposix.h"
@@ -44,6 +47,30 @@ ZYN_RETCODE run(decltype(Usual) slot, Args... args)
 }
 
 // ---- Records ----
+//
+// A record and its name are two blocks. They come and go under one entry into the tag's mutex: the
+// entries of the allocations themselves are nested then, and cheap.
+
+// The file tag has no jump buffer: a failed allocation comes back as null.
+PSPFTAB* get_blocks(const char* name, PSP_MEMTAG tag)
+{
+    mem_enter(tag->t_sem);
+    auto* entry = static_cast<PSPFTAB*>(
+        psp_getMem(sizeof(PSPFTAB), tag, PSP_MEM_ZERO, nullptr, __FILE__, __LINE__));
+    if (entry != nullptr)
+        entry->name =
+            static_cast<const char*>(psp_getMem(0, tag, PSP_MEM_STRING, name, __FILE__, __LINE__));
+    mem_exit(tag->t_sem);
+    return entry;
+}
+
+void free_blocks(const PSPFTAB* entry, PSP_MEMTAG tag)
+{
+    mem_enter(tag->t_sem);
+    psp_freeMem(entry->name, tag, __FILE__, __LINE__);
+    psp_freeMem(entry, tag, __FILE__, __LINE__);
+    mem_exit(tag->t_sem);
+}
 
 // Closes what the record holds and frees it; also for a record that is only half built.
 void release(PSPFTAB* entry, PSP_MEMTAG tag)
@@ -54,23 +81,18 @@ void release(PSPFTAB* entry, PSP_MEMTAG tag)
         entry->fcns->close(entry->handle);
     if (entry->lock != PSP_SEM_INVALID)
         psp_syncDelete(entry->lock);
-    psp_freeMem(entry->name, tag, __FILE__, __LINE__);
-    psp_freeMem(entry, tag, __FILE__, __LINE__);
+    free_blocks(entry, tag);
     errno = saved_errno;
 }
 
-// The file tag has no jump buffer: a failed allocation comes back as null.
 PSPFTAB* new_entry(const char* name, uint32_t flags, uint16_t xflags, PSP_MEMTAG tag)
 {
-    auto* entry = static_cast<PSPFTAB*>(
-        psp_getMem(sizeof(PSPFTAB), tag, PSP_MEM_ZERO, nullptr, __FILE__, __LINE__));
+    PSPFTAB* entry = get_blocks(name, tag);
     if (entry == nullptr)
         return nullptr;
     entry->flags = (flags & O_TRUNC) != 0 ? flags | O_CREAT : flags;
     entry->xflags = xflags;
     entry->lock = PSP_SEM_INVALID;
-    entry->name =
-        static_cast<const char*>(psp_getMem(0, tag, PSP_MEM_STRING, name, __FILE__, __LINE__));
     if (entry->name != nullptr)
         return entry;
     release(entry, tag);
@@ -102,6 +124,11 @@ bool open_entry(PSPFTAB* entry, ZYN_BOOL_T* is_console)
     return true;
 }
 
+// What the registry gave, and how many removals it had counted before: opening and closing do not
+// ask it again until there are more.
+std::atomic<PSP_FILE_GLOBALS*> known_globals{nullptr};
+uint64_t known_since = 0;
+
 } // namespace
 
 // ---- The layer's state ----
@@ -123,11 +150,20 @@ void psp_fileTerm(void* data)
 // Never jumps: files are opened and closed under locks of the layers above.
 PSP_FILE_GLOBALS* psp_fileGlobals()
 {
-    void* globals = nullptr;
+    PSP_FILE_GLOBALS* const known = known_globals.load(std::memory_order_acquire);
+    const uint64_t removals = relaxed_load(psp_globalRemovals);
+    if (known != nullptr && relaxed_load(known_since) == removals) [[likely]]
+        return known;
+    void* data = nullptr;
     bool exhausted = false;
     const ZYN_RETCODE rc = psp_globalTryGet("pspfile", sizeof(PSP_FILE_GLOBALS), psp_fileInit,
-                                            psp_fileTerm, &globals, &exhausted);
-    return rc == sOKAY ? static_cast<PSP_FILE_GLOBALS*>(globals) : nullptr;
+                                            psp_fileTerm, &data, &exhausted);
+    if (rc != sOKAY)
+        return nullptr;
+    auto* const globals = static_cast<PSP_FILE_GLOBALS*>(data);
+    relaxed_store(known_since, removals);
+    known_globals.store(globals, std::memory_order_release);
+    return globals;
 }
 
 // ---- Opening and closing ----

@@ -16,6 +16,8 @@
 #include "psp_sync_int.h"
 #include "pspint.h"
 
+uint64_t psp_globalRemovals = 0;
+
 namespace {
 
 struct PSP_GLOBAL_ENTRY {
@@ -63,6 +65,12 @@ Position findGlobalEntry(const char* name)
     return {low, false};
 }
 
+// Under the registry's mutex.
+void count_removal()
+{
+    relaxed_store(psp_globalRemovals, psp_globalRemovals + 1);
+}
+
 void free_global(const void* ptr)
 {
     psp_freeMem(ptr, PSP_GLOBAL_TAG, __FILE__, __LINE__);
@@ -83,6 +91,7 @@ void cleanupGlobalEntry(int32_t index)
         entry.delete_fcn(entry.data);
         at = findGlobalEntry(entry.name);
     }
+    count_removal();
     free_global(entry.name);
     free_global(entry.data);
     if (!at.found)
@@ -102,6 +111,7 @@ bool expand_list()
     if (!list) {
         free_global(psp_globals_list);
         psp_globals_num = 0;
+        count_removal();
     }
     psp_globals_list = static_cast<PSP_GLOBAL_ENTRY*>(list);
     return list != nullptr;

@@ -38,5 +38,9 @@ void* psp_memTryExtend(const void* ptr, size_t newsize, PSP_MEMTAG tag, int32_t 
 void psp_memRaise(PSP_MEMTAG tag);
 
 // psp_globalGet without the jump; `exhausted` is set when PSP_GLOBAL_TAG ran out of memory.
+//
+// What it gave stays right until names leave the registry, which psp_globalRemovals counts. It is
+// read without a lock.
+extern uint64_t psp_globalRemovals;
 ZYN_RETCODE psp_globalTryGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
                              PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal, bool* exhausted);

@@ -5,6 +5,7 @@
 
 #include "psp/global.h"
 #include "psp/pool.h"
+#include "psp_file_int.h"
 #include "psp_mem_data_int.h"
 
 #include <gtest/gtest.h>
@@ -121,6 +122,23 @@ TEST_F(RegistryFault, GlobalsAreForgottenWhenTheirListCannotGrow)
         EXPECT_EQ(deletions, 11) << "those forgotten are not called";
         ASSERT_EQ(psp_init(), sOKAY);
     }
+}
+
+TEST_F(RegistryFault, TheFileLayerAsksAnewWhenTheListIsLost)
+{
+    ASSERT_NE(psp_fileGlobals(), nullptr);
+    fill_list_of_globals();
+    const PSP_FILE_GLOBALS* const before = psp_fileGlobals();
+    void* block = nullptr;
+    {
+        const Fault fault("tag_alloc", 1);
+        EXPECT_EQ(psp_fileGlobals(), before) << "as long as nothing is removed";
+        EXPECT_EQ(get_global("f", &block), eNOMEMORY);
+    }
+    const PSP_FILE_GLOBALS* const after = psp_fileGlobals();
+    EXPECT_NE(after, before);
+    EXPECT_EQ(get_global("pspfile", &block), sOKAY);
+    EXPECT_EQ(block, after);
 }
 
 // Registers five names, and between them fails to. With a list that has room for fewer, one of the

@@ -173,6 +173,29 @@ TEST_F(FileLayer, IsFoundInTheRegistryOfGlobals)
     psp_term();
 }
 
+// Callbacks of the stop run before and after the file layer's own: after it, its state is made
+// anew.
+TEST_F(FileLayer, ServesTheCallbacksOfTheStop)
+{
+    const TempDir dir;
+    static std::string path;
+    path = dir / "file";
+    const auto append = [](void*) {
+        const Handle handle(path, O_WRONLY | O_CREAT | O_APPEND);
+        ASSERT_NE(handle, nullptr);
+        EXPECT_EQ(psp_fileWrite(handle, "x", 1), 1u);
+    };
+    ASSERT_EQ(psp_init(), sOKAY);
+    for (const char* name : {"zz", "zy", "b", "a"}) {
+        void* data = nullptr;
+        ASSERT_EQ(psp_globalGet(name, 1, nullptr, append, &data), sOKAY);
+    }
+    psp_term();
+    EXPECT_EQ(read_file(path), "xxxx");
+    EXPECT_EQ(psp_fileGlobals(), nullptr);
+    EXPECT_EQ(memory_in_use(), 0u);
+}
+
 TEST_F(FileLayer, EndsWithItsTag)
 {
     ASSERT_EQ(psp_init(), sOKAY);
