@@ -1,171 +1,189 @@
-// Transfers of 4 KiB through a file handle against the bare system calls.
+// Files through handles and by name beside the bare system calls.
 //
-// Both sides work on one file, in memory where the machine has such a file system and otherwise
-// in the page cache, and take turns in batches of the same run, so that a disturbance of the
-// machine meets both. Each side counts with its quickest batch. The counters `psp_ns` and
-// `peer_ns` tell the time of one transfer, `ratio` the first by the second: at most 1.03.
+// A peer makes the system calls that the library makes, no others, in the way of a careful caller:
+// it begins anew what a signal interrupts and checks every result. The file lies in memory where
+// the machine has such a file system, so that no device hides the difference.
 
-#include <benchmark/benchmark.h>
-
-#include <algorithm>
-#include <chrono>
-#include <limits>
+#include <cerrno>
+#include <cstdlib>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include "psp.h"
+#include "row.h"
 
 namespace {
 
-constexpr uint32_t BLOCK = 4096;
-constexpr uint32_t BLOCKS = 256; // the file, and one batch
+using bench::Registered;
+using bench::Row;
+using bench::Work;
 
-class HandleFile {
+constexpr double GOAL = 1.03;
+constexpr uint32_t SMALL = 64;
+constexpr uint32_t PAGE = 4096;
+constexpr uint32_t BLOCKS = 256; // of the file, each a page apart
+
+void expect(bool good)
+{
+    if (!good)
+        std::abort();
+}
+
+uint64_t place(size_t i)
+{
+    return (i % BLOCKS) * PAGE;
+}
+
+template <class Call>
+ssize_t uninterrupted(Call call)
+{
+    ssize_t count;
+    do
+        count = call();
+    while (count == -1 && errno == EINTR);
+    return count;
+}
+
+class ScratchFile {
   public:
-    explicit HandleFile(const char* name) : file_(psp_fileOpen(name, O_RDWR | O_CREAT, 0)) {}
-    ~HandleFile()
+    ScratchFile()
     {
-        psp_fileClose(file_);
+        if (psp_dirWritable("/dev/shm"))
+            psp_setTmpDir("/dev/shm");
+        uint32_t counter = 0;
+        name_ = psp_fileCreateTmpName(&counter, "bench", nullptr, 0, PSP_GLOBAL_TAG);
+        handle_ = psp_fileOpen(name_, O_RDWR | O_CREAT, 0);
+        fd_ = open(name_, O_RDWR);
+        expect(handle_ != nullptr && fd_ != -1);
+        for (size_t i = 0; i < BLOCKS; ++i)
+            expect(pwrite(fd_, block_, PAGE, static_cast<off_t>(place(i))) == PAGE);
     }
-    HandleFile(const HandleFile&) = delete;
-    HandleFile& operator=(const HandleFile&) = delete;
-
-    bool usable() const
-    {
-        return file_ != nullptr;
-    }
-    void rewind()
-    {
-        psp_fileSeek(file_, 0, SEEK_SET, nullptr);
-    }
-    bool read(void* block)
-    {
-        return psp_fileRead(file_, block, BLOCK) == BLOCK;
-    }
-    bool write(const void* block)
-    {
-        return psp_fileWrite(file_, block, BLOCK) == BLOCK;
-    }
-    bool readAt(uint32_t number, void* block)
-    {
-        return psp_fileSeekRead(file_, uint64_t{number} * BLOCK, block, BLOCK) == BLOCK;
-    }
-    bool writeAt(uint32_t number, const void* block)
-    {
-        return psp_fileSeekWrite(file_, uint64_t{number} * BLOCK, block, BLOCK) == BLOCK;
-    }
-
-  private:
-    PSP_FH file_;
-};
-
-class BareFile {
-  public:
-    explicit BareFile(const char* name) : fd_(open(name, O_RDWR | O_CREAT, 0666)) {}
-    ~BareFile()
+    ~ScratchFile()
     {
         close(fd_);
+        psp_fileClose(handle_);
+        psp_fileRemove(name_);
+        psp_freeMem(name_, PSP_GLOBAL_TAG, __FILE__, __LINE__);
     }
-    BareFile(const BareFile&) = delete;
-    BareFile& operator=(const BareFile&) = delete;
+    ScratchFile(const ScratchFile&) = delete;
+    ScratchFile& operator=(const ScratchFile&) = delete;
 
-    bool usable() const
+    const char* name() const
     {
-        return fd_ != -1;
+        return name_;
     }
-    void rewind()
+
+    // The transfers of the library, and the system's.
+    Work read(uint32_t size)
     {
-        lseek(fd_, 0, SEEK_SET);
+        return [this, size](size_t n) {
+            for (size_t i = 0; i < n; ++i)
+                expect(psp_fileSeekRead(handle_, place(i), block_, size) == size);
+        };
     }
-    bool read(void* block)
+    Work write(uint32_t size)
     {
-        return ::read(fd_, block, BLOCK) == BLOCK;
+        return [this, size](size_t n) {
+            for (size_t i = 0; i < n; ++i)
+                expect(psp_fileSeekWrite(handle_, place(i), block_, size) == size);
+        };
     }
-    bool write(const void* block)
+    Work bare_read(uint32_t size)
     {
-        return ::write(fd_, block, BLOCK) == BLOCK;
+        return [this, size](size_t n) {
+            for (size_t i = 0; i < n; ++i)
+                expect(uninterrupted([&] {
+                           return pread(fd_, block_, size, static_cast<off_t>(place(i)));
+                       }) == size);
+        };
     }
-    bool readAt(uint32_t number, void* block)
+    Work bare_write(uint32_t size)
     {
-        return pread(fd_, block, BLOCK, off_t{number} * BLOCK) == BLOCK;
-    }
-    bool writeAt(uint32_t number, const void* block)
-    {
-        return pwrite(fd_, block, BLOCK, off_t{number} * BLOCK) == BLOCK;
+        return [this, size](size_t n) {
+            for (size_t i = 0; i < n; ++i)
+                expect(uninterrupted([&] {
+                           return pwrite(fd_, block_, size, static_cast<off_t>(place(i)));
+                       }) == size);
+        };
     }
 
   private:
+    const char* name_;
+    PSP_FH handle_;
     int fd_;
+    alignas(64) char block_[PAGE] = {};
 };
 
-// The four transfers, each of block `number` where that counts.
-constexpr auto doRead = [](auto& file, uint32_t, char* block) { return file.read(block); };
-constexpr auto doWrite = [](auto& file, uint32_t, char* block) { return file.write(block); };
-constexpr auto doReadAt = [](auto& file, uint32_t number, char* block) {
-    return file.readAt(number, block);
-};
-constexpr auto doWriteAt = [](auto& file, uint32_t number, char* block) {
-    return file.writeAt(number, block);
-};
-
-// Nanoseconds of one transfer; clears `good` when one failed.
-template <class File, class Transfer>
-double timeBatch(File& file, char* block, Transfer transfer, bool& good)
+template <uint32_t size>
+void read_at(Row& row)
 {
-    file.rewind();
-    const auto begin = std::chrono::steady_clock::now();
-    for (uint32_t number = 0; number < BLOCKS; ++number) {
-        good &= transfer(file, number, block);
-        benchmark::ClobberMemory();
-    }
-    const std::chrono::duration<double, std::nano> elapsed =
-        std::chrono::steady_clock::now() - begin;
-    return elapsed.count() / BLOCKS;
+    const bench::Server server;
+    ScratchFile file;
+    row.psp(file.read(size));
+    row.peer("pread", file.bare_read(size), GOAL);
+    row.run();
 }
 
-template <class Transfer>
-void compare(benchmark::State& state, const char* name, Transfer transfer)
+template <uint32_t size>
+void write_at(Row& row)
 {
-    alignas(64) static char block[BLOCK];
-    HandleFile handle(name);
-    BareFile bare(name);
-    bool good = handle.usable() && bare.usable();
-    if (good)
-        timeBatch(bare, block, doWrite, good); // the blocks exist before anything is timed
-
-    double psp = std::numeric_limits<double>::infinity();
-    double peer = psp;
-    for (auto _ : state) {
-        psp = std::min(psp, timeBatch(handle, block, transfer, good));
-        peer = std::min(peer, timeBatch(bare, block, transfer, good));
-    }
-    if (!good)
-        state.SkipWithError("a transfer failed");
-    state.counters["psp_ns"] = psp;
-    state.counters["peer_ns"] = peer;
-    state.counters["ratio"] = psp / peer;
+    const bench::Server server;
+    ScratchFile file;
+    row.psp(file.write(size));
+    row.peer("pwrite", file.bare_write(size), GOAL);
+    row.run();
 }
 
-template <class Transfer>
-void transferBlocks(benchmark::State& state, Transfer transfer)
+void open_and_close(Row& row)
 {
-    if (psp_init() != sOKAY) {
-        state.SkipWithError("psp_init failed");
-        return;
-    }
-    if (psp_dirWritable("/dev/shm"))
-        psp_setTmpDir("/dev/shm");
-    uint32_t counter = 0;
-    const char* name = psp_fileCreateTmpName(&counter, "bench", nullptr, 0, PSP_THREAD_TAG);
-    compare(state, name, transfer);
-    psp_fileRemove(name);
-    psp_term();
+    const bench::Server server;
+    ScratchFile file;
+    row.psp([&file](size_t n) {
+        for (size_t i = 0; i < n; ++i) {
+            const PSP_FH handle = psp_fileOpen(file.name(), O_RDWR, 0);
+            expect(handle != nullptr);
+            psp_fileClose(handle);
+        }
+    });
+    row.peer(
+        "open, close",
+        [&file](size_t n) {
+            for (size_t i = 0; i < n; ++i) {
+                const int fd = open(file.name(), O_RDWR, 0666);
+                expect(fd != -1);
+                expect(close(fd) == 0);
+            }
+        },
+        GOAL);
+    row.run();
 }
 
-BENCHMARK_CAPTURE(transferBlocks, read, doRead);
-BENCHMARK_CAPTURE(transferBlocks, write, doWrite);
-BENCHMARK_CAPTURE(transferBlocks, seekRead, doReadAt);
-BENCHMARK_CAPTURE(transferBlocks, seekWrite, doWriteAt);
+void exists(Row& row)
+{
+    const bench::Server server;
+    ScratchFile file;
+    row.psp([&file](size_t n) {
+        for (size_t i = 0; i < n; ++i)
+            expect(psp_fileValidate(file.name()) == ZYN_TRUE);
+    });
+    row.peer(
+        "stat",
+        [&file](size_t n) {
+            for (size_t i = 0; i < n; ++i) {
+                struct stat status;
+                expect(stat(file.name(), &status) == 0);
+            }
+        },
+        GOAL);
+    row.run();
+}
+
+const Registered read_small_row("file", "pread 64 B", "ns/call", read_at<SMALL>);
+const Registered read_page_row("file", "pread 4 KiB", "ns/call", read_at<PAGE>);
+const Registered write_small_row("file", "pwrite 64 B", "ns/call", write_at<SMALL>);
+const Registered write_page_row("file", "pwrite 4 KiB", "ns/call", write_at<PAGE>);
+const Registered open_row("file", "open and close", "ns/pair", open_and_close);
+const Registered exists_row("file", "exists", "ns/call", exists);
 
 } // namespace

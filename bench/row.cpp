@@ -21,14 +21,9 @@ double row_seconds()
     return text ? std::strtod(text, nullptr) : 0.3;
 }
 
-double nanoseconds_of(const Side& side, size_t n)
+double nanoseconds_now()
 {
-    if (side.prepare)
-        side.prepare();
-    const auto begin = Clock::now();
-    side.work(n);
-    benchmark::ClobberMemory();
-    return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
+    return std::chrono::duration<double, std::nano>(Clock::now().time_since_epoch()).count();
 }
 
 double quantile(std::vector<double> values, double at)
@@ -52,6 +47,11 @@ std::map<std::string, double>& figures()
 }
 
 } // namespace
+
+Row::Row(benchmark::State& state, std::string name)
+    : state_(state), name_(std::move(name)), clock_(nanoseconds_now)
+{
+}
 
 void Row::psp(Work work, Prepare prepare)
 {
@@ -79,6 +79,11 @@ void Row::growth_from(std::string row, double goal)
     growth_goal_ = goal;
 }
 
+void Row::clock(std::function<double()> now)
+{
+    clock_ = std::move(now);
+}
+
 void Row::batch(size_t n)
 {
     batch_ = n;
@@ -89,10 +94,20 @@ void Row::divide_by(double units)
     units_ = units;
 }
 
+double Row::time(const Side& side, size_t n)
+{
+    if (side.prepare)
+        side.prepare();
+    const double begin = clock_();
+    side.work(n);
+    benchmark::ClobberMemory();
+    return clock_() - begin;
+}
+
 size_t Row::calibrate()
 {
     size_t n = 1;
-    while (nanoseconds_of(sides_.front(), n) < BATCH_NS && n < (size_t{1} << 24))
+    while (time(sides_.front(), n) < BATCH_NS && n < (size_t{1} << 24))
         n *= 2;
     return n;
 }
@@ -101,7 +116,7 @@ void Row::round(size_t n, size_t first)
 {
     for (size_t i = 0; i < sides_.size(); ++i) {
         Side& side = sides_[(first + i) % sides_.size()];
-        side.times.push_back(nanoseconds_of(side, n) / static_cast<double>(n) / units_);
+        side.times.push_back(time(side, n) / static_cast<double>(n) / units_);
     }
 }
 

@@ -47,7 +47,7 @@ struct Side {
 
 class Row {
   public:
-    Row(benchmark::State& state, std::string name) : state_(state), name_(std::move(name)) {}
+    Row(benchmark::State& state, std::string name);
 
     // The library's side; exactly one.
     void psp(Work work, Prepare prepare = {});
@@ -64,6 +64,9 @@ class Row {
     // A goal against the library's figure in another row of the same family, which ran before.
     void growth_from(std::string row, double goal);
 
+    // Where the time is read, in nanoseconds, when another process does the work and times it.
+    void clock(std::function<double()> now);
+
     // Work of one batch. By default it grows until a batch of the library takes 50 microseconds.
     void batch(size_t n);
 
@@ -78,6 +81,7 @@ class Row {
     void fail(const std::string& why);
 
   private:
+    double time(const Side& side, size_t n);
     size_t calibrate();
     void round(size_t n, size_t first);
     void count(const Side& side);
@@ -90,6 +94,7 @@ class Row {
     double own_goal_ = NO_GOAL;
     std::string grows_from_{};
     double growth_goal_ = NO_GOAL;
+    std::function<double()> clock_;
     size_t batch_ = 0;
     double units_ = 1;
 };
