@@ -1,151 +1,332 @@
-// The library's formatting into a buffer against the C library's snprintf.
+// Formatting into a buffer and into new memory beside other formatters. All of them learn their
+// formats at run time only.
 //
-// Both sides take turns in batches of the same run, so that a disturbance of the machine meets
-// both, and each side counts with its quickest batch. The counters `psp_ns` and `peer_ns` tell the
-// time of one call, `ratio` the first by the second: at most 0.5.
-//
-// Values change from call to call, as they do in a log; the text they make is checked to be the
-// same on both sides before the clock runs.
+// Values change from call to call, as they do in a log; before the clock runs, every side must have
+// printed the same texts.
 
-#include <benchmark/benchmark.h>
-
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <limits>
 
-#include "psp.h"
+#include "row.h"
+
+#ifdef PSP_PEER_STB
+#define STB_SPRINTF_IMPLEMENTATION
+#define STB_SPRINTF_STATIC
+#include <stb_sprintf.h>
+#endif
+#ifdef PSP_PEER_FMT
+#include <fmt/core.h>
+#endif
+#ifdef PSP_PEER_APR
+#include <apr_strings.h>
+#endif
+#ifdef PSP_PEER_GLIB
+#include <glib.h>
+#endif
 
 namespace {
 
-constexpr int CALLS_A_BATCH = 1000;
+using bench::Registered;
+using bench::Row;
+
+constexpr int VALUES = 1000; // that the texts are compared for
 
 char text[512];
 
-using Print = int (*)(char*, size_t, const char*, ...);
+// ---- Rows of texts ----
 
-// Nanoseconds of one call. `format_one` prints its n-th text with the function it is given.
-template <class FormatOne>
-double timeBatch(Print print, FormatOne format_one)
-{
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < CALLS_A_BATCH; ++i) {
-        benchmark::DoNotOptimize(format_one(print, i));
-        benchmark::ClobberMemory();
+// A row whose sides print their i-th text into `text`.
+class TextRow {
+  public:
+    explicit TextRow(Row& row) : row_(row) {}
+
+    template <class Print>
+    void psp(Print print)
+    {
+        for (int i = 0; i < VALUES; ++i) {
+            print(i);
+            expected_.emplace_back(text);
+        }
+        row_.psp(repeated(print));
     }
-    const std::chrono::duration<double, std::nano> elapsed =
-        std::chrono::steady_clock::now() - begin;
-    return elapsed.count() / CALLS_A_BATCH;
-}
 
-template <class FormatOne>
-bool sameText(FormatOne format_one)
-{
-    char expected[sizeof text];
-    for (int i = 0; i < CALLS_A_BATCH; ++i) {
-        const int peer = format_one(snprintf, i);
-        memcpy(expected, text, sizeof text);
-        if (format_one(psp_snprintf, i) != peer || strcmp(text, expected) != 0)
-            return false;
+    template <class Print>
+    void peer(const char* name, Print print, double goal = bench::NO_GOAL)
+    {
+        for (int i = 0; i < VALUES && different_.empty(); ++i) {
+            print(i);
+            if (expected_[static_cast<size_t>(i)] != text)
+                different_ = std::string(name) + " prints " + text;
+        }
+        row_.peer(name, repeated(print), goal);
     }
-    return true;
-}
 
-template <class FormatOne>
-void compare(benchmark::State& state, FormatOne format_one)
-{
-    if (!sameText(format_one)) {
-        state.SkipWithError("the two sides print different texts");
-        return;
+    void run(double best_goal)
+    {
+        if (!different_.empty())
+            return row_.fail(different_);
+        row_.best_peer(best_goal);
+        row_.run();
     }
-    Print volatile library = psp_snprintf; // neither side may be known to the compiler
-    Print volatile peer_print = snprintf;
-    double psp = std::numeric_limits<double>::infinity();
-    double peer = psp;
-    for (auto _ : state) {
-        psp = std::min(psp, timeBatch(library, format_one));
-        peer = std::min(peer, timeBatch(peer_print, format_one));
+
+  private:
+    template <class Print>
+    static bench::Work repeated(Print print)
+    {
+        return [print](size_t n) {
+            for (size_t i = 0; i < n; ++i) {
+                print(static_cast<int>(i));
+                benchmark::ClobberMemory();
+            }
+        };
     }
-    state.counters["psp_ns"] = psp;
-    state.counters["peer_ns"] = peer;
-    state.counters["ratio"] = psp / peer;
-}
 
-int integer(Print print, int i)
+    Row& row_;
+    std::vector<std::string> expected_{};
+    std::string different_{};
+};
+
+// APR prints the same where it knows the directive and gives each digit: no %llu, no zero before
+// the point of %g.
+enum class Apr { SAME, OTHER };
+
+#ifdef PSP_PEER_FMT
+template <class... Values>
+void print_fmt(const char* format, const Values&... values)
 {
-    return print(text, sizeof text, "%d", i * 1237 - 500000);
+    const auto result = fmt::format_to_n(text, sizeof text - 1, fmt::runtime(format), values...);
+    *result.out = '\0';
 }
+#define FMT_PRINT(...) [](int i) { print_fmt(__VA_ARGS__); }
+#else
+#define FMT_PRINT(...) 0
+#endif
 
-int longInteger(Print print, int i)
+// `call` gives the i-th text to a function like snprintf, `call_fmt` prints it with {fmt}.
+template <class Call, class CallFmt>
+void compare(Row& row, double best_goal, Apr apr, Call call, CallFmt call_fmt)
 {
-    return print(text, sizeof text, "%llu", 12345678901234567ULL * static_cast<unsigned>(i + 1));
+    const auto side = [call](auto* function) {
+        return [call, function](int i) { call(function, i); };
+    };
+    TextRow sides(row);
+    sides.psp(side(psp_snprintf));
+    sides.peer("snprintf", side(snprintf), 0.5);
+#ifdef PSP_PEER_STB
+    sides.peer("stb", side(stbsp_snprintf));
+#endif
+#ifdef PSP_PEER_APR
+    if (apr == Apr::SAME)
+        sides.peer("APR", side(apr_snprintf));
+#endif
+#ifdef PSP_PEER_FMT
+    sides.peer("fmt", call_fmt);
+#endif
+    sides.run(best_goal);
 }
 
-int hexadecimal(Print print, int i)
+// ---- Integers and strings ----
+
+constexpr double PLAIN_GOAL = 1.0;
+
+void integer(Row& row)
 {
-    return print(text, sizeof text, "%08x", static_cast<unsigned>(i) * 2654435761u);
+    compare(
+        row, PLAIN_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%d", i * 1237 - 500000); },
+        FMT_PRINT("{}", i * 1237 - 500000));
 }
 
-int shortString(Print print, int i)
+unsigned long long long_value(int i)
 {
-    return print(text, sizeof text, "%s", "a table name" + i % 4);
+    return 12345678901234567ULL * static_cast<unsigned>(i % VALUES + 1);
 }
 
-int longString(Print print, int i)
+void longInteger(Row& row)
 {
-    return print(text, sizeof text, "%s",
-                 "a longer string: the kind of statement that a server is asked to run and that "
-                 "goes into its log whole, with all of its columns, tables and conditions" +
-                     i % 4);
+    compare(
+        row, PLAIN_GOAL, Apr::OTHER,
+        [](auto print, int i) { print(text, sizeof text, "%llu", long_value(i)); },
+        FMT_PRINT("{}", long_value(i)));
 }
 
-int logLine(Print print, int i)
+unsigned scattered(int i)
 {
-    return print(text, sizeof text,
-                 "[%s] connection %d: page %08x of '%-10s', lsn %llu, state %c\n", "storage", i,
-                 static_cast<unsigned>(i) * 2654435761u, "orders",
-                 12345678901234ULL + static_cast<unsigned>(i), 'a' + i % 26);
+    return static_cast<unsigned>(i) * 2654435761u;
 }
 
-int measuredLogLine(Print print, int i)
+void hexadecimal(Row& row)
 {
-    return print(nullptr, 0, "[%s] connection %d: page %08x of '%-10s', lsn %llu, state %c\n",
-                 "storage", i, static_cast<unsigned>(i) * 2654435761u, "orders",
-                 12345678901234ULL + static_cast<unsigned>(i), 'a' + i % 26);
+    compare(
+        row, PLAIN_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%08x", scattered(i)); },
+        FMT_PRINT("{:08x}", scattered(i)));
 }
 
-// Odd numerators keep clear of ties, which the two sides round differently.
-int fixed(Print print, int i)
+const char* short_value(int i)
 {
-    return print(text, sizeof text, "%.2f", (i * 2 + 1) * 12.37 / 64);
+    return &"a table name"[i % 4];
 }
 
-int general(Print print, int i)
+void shortString(Row& row)
 {
-    return print(text, sizeof text, "%g", (i * 2 + 1) * 12.37 / 64);
+    compare(
+        row, PLAIN_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%s", short_value(i)); },
+        FMT_PRINT("{}", short_value(i)));
 }
 
-int generalSmall(Print print, int i)
+const char* long_value_text(int i)
 {
-    return print(text, sizeof text, "%g", (i * 2 + 1) * 12.37e-20 / 64);
+    return &"a longer string: the kind of statement that a server is asked to run and that goes "
+            "into its log whole, with all of its columns, tables and conditions"[i % 4];
 }
 
-int exponent(Print print, int i)
+void longString(Row& row)
 {
-    return print(text, sizeof text, "%e", (i * 2 + 1) * 12.37e30 / 64);
+    compare(
+        row, PLAIN_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%s", long_value_text(i)); },
+        FMT_PRINT("{}", long_value_text(i)));
 }
 
-BENCHMARK_CAPTURE(compare, integer, integer);
-BENCHMARK_CAPTURE(compare, long_integer, longInteger);
-BENCHMARK_CAPTURE(compare, hexadecimal, hexadecimal);
-BENCHMARK_CAPTURE(compare, short_string, shortString);
-BENCHMARK_CAPTURE(compare, long_string, longString);
-BENCHMARK_CAPTURE(compare, log_line, logLine);
-BENCHMARK_CAPTURE(compare, measured_log_line, measuredLogLine);
-BENCHMARK_CAPTURE(compare, fixed, fixed);
-BENCHMARK_CAPTURE(compare, general, general);
-BENCHMARK_CAPTURE(compare, general_small, generalSmall);
-BENCHMARK_CAPTURE(compare, exponent, exponent);
+void longLiteral(Row& row)
+{
+    compare(
+        row, PLAIN_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, long_value_text(i)); },
+        FMT_PRINT(long_value_text(i)));
+}
+
+#define LOG_VALUES                                                                                 \
+    "storage", i, scattered(i), "orders", 12345678901234ULL + static_cast<unsigned>(i),            \
+        static_cast<char>('a' + i % 26)
+
+void logLine(Row& row)
+{
+    compare(
+        row, PLAIN_GOAL, Apr::OTHER,
+        [](auto print, int i) {
+            print(text, sizeof text,
+                  "[%s] connection %d: page %08x of '%-10s', lsn %llu, state %c\n", LOG_VALUES);
+        },
+        FMT_PRINT("[{}] connection {}: page {:08x} of '{:<10}', lsn {}, state {}\n", LOG_VALUES));
+}
+
+const Registered integer_row("format", "%d", "ns/call", integer);
+const Registered long_integer_row("format", "%llu", "ns/call", longInteger);
+const Registered hexadecimal_row("format", "%08x", "ns/call", hexadecimal);
+const Registered short_string_row("format", "%s, 10 bytes", "ns/call", shortString);
+const Registered long_string_row("format", "%s, 150 bytes", "ns/call", longString);
+const Registered long_literal_row("format", "literal, 150 bytes", "ns/call", longLiteral);
+const Registered log_line_row("format", "line of six directives", "ns/call", logLine);
+
+// ---- Floats ----
+
+constexpr double FLOAT_GOAL = 1.2;
+
+// Odd numerators keep clear of ties, which not all sides round alike.
+double float_value(int i)
+{
+    return (i % VALUES * 2 + 1) * 12.37 / 64;
+}
+
+void fixed(Row& row)
+{
+    compare(
+        row, FLOAT_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%5.2f", float_value(i)); },
+        FMT_PRINT("{:5.2f}", float_value(i)));
+}
+
+void general(Row& row)
+{
+    compare(
+        row, FLOAT_GOAL, Apr::OTHER,
+        [](auto print, int i) { print(text, sizeof text, "%g", float_value(i)); },
+        FMT_PRINT("{:g}", float_value(i)));
+}
+
+void generalSmall(Row& row)
+{
+    compare(
+        row, FLOAT_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%g", float_value(i) * 1e-20); },
+        FMT_PRINT("{:g}", float_value(i) * 1e-20));
+}
+
+void exponent(Row& row)
+{
+    compare(
+        row, FLOAT_GOAL, Apr::SAME,
+        [](auto print, int i) { print(text, sizeof text, "%e", float_value(i) * 1e30); },
+        FMT_PRINT("{:e}", float_value(i) * 1e30));
+}
+
+const Registered fixed_row("format", "%5.2f", "ns/call", fixed);
+const Registered general_row("format", "%g", "ns/call", general);
+const Registered general_small_row("format", "%g of 1e-20", "ns/call", generalSmall);
+const Registered exponent_row("format", "%e", "ns/call", exponent);
+
+// ---- New strings ----
+
+constexpr char MESSAGE[] = "table %s, row %d: %s";
+
+void makeStr(Row& row)
+{
+    const bench::Server server;
+    TextRow sides(row);
+    sides.psp([](int i) {
+        char* const made =
+            psp_makeStrVA(__FILE__, __LINE__, PSP_THREAD_TAG, MESSAGE, "orders", i, short_value(i));
+        strcpy(text, made);
+        psp_freeMem(made, PSP_THREAD_TAG, __FILE__, __LINE__);
+    });
+    sides.peer(
+        "asprintf",
+        [](int i) {
+            char* made;
+            if (asprintf(&made, MESSAGE, "orders", i, short_value(i)) < 0)
+                std::abort();
+            strcpy(text, made);
+            free(made);
+        },
+        0.7);
+    sides.run(bench::NO_GOAL);
+}
+
+// Ten pieces onto one string, which is given back then.
+void appendStr(Row& row)
+{
+    constexpr int PIECES = 10;
+    const bench::Server server;
+    TextRow sides(row);
+    sides.psp([](int i) {
+        char* grown = nullptr;
+        for (int piece = 0; piece < PIECES; ++piece)
+            grown = psp_appendStrVA(__FILE__, __LINE__, PSP_THREAD_TAG, grown, MESSAGE, "orders",
+                                    i + piece, short_value(i));
+        strcpy(text, grown);
+        psp_freeMem(grown, PSP_THREAD_TAG, __FILE__, __LINE__);
+    });
+#ifdef PSP_PEER_GLIB
+    sides.peer(
+        "GString",
+        [](int i) {
+            GString* const grown = g_string_new(nullptr);
+            for (int piece = 0; piece < PIECES; ++piece)
+                g_string_append_printf(grown, MESSAGE, "orders", i + piece, short_value(i));
+            strcpy(text, grown->str);
+            g_string_free(grown, TRUE);
+        },
+        1.0);
+#endif
+    row.divide_by(PIECES);
+    sides.run(bench::NO_GOAL);
+}
+
+const Registered make_str_row("format", "makeStr", "ns/call", makeStr);
+const Registered append_str_row("format", "appendStr", "ns/call", appendStr);
 
 } // namespace
