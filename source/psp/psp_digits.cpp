@@ -39,18 +39,31 @@ static inline char* put_eight(char* end, uint32_t val)
     return put_pair(end - 6, pairs, high / 100);
 }
 
-static void convert_decimal(char* end, uintmax_t val)
+struct REMAINDER {
+    char* end;
+    uint32_t val; // below 10^8
+};
+
+// All blocks of eight but the first digits. Out of line, since most numbers have none.
+[[gnu::noinline]] static REMAINDER put_blocks(char* end, uintmax_t val)
 {
-    const char* const pairs = DECIMAL_PAIRS.data();
     for (; val >= 100000000; val /= 100000000)
         end = put_eight(end, static_cast<uint32_t>(val % 100000000));
-    auto rest = static_cast<uint32_t>(val);
-    for (; rest >= 100; rest /= 100)
-        end = put_pair(end, pairs, rest % 100);
-    if (rest >= 10)
-        put_pair(end, pairs, rest);
+    return {end, static_cast<uint32_t>(val)};
+}
+
+static inline void convert_decimal(char* end, uintmax_t val)
+{
+    const char* const pairs = DECIMAL_PAIRS.data();
+    REMAINDER rest{end, static_cast<uint32_t>(val)};
+    if (val >= 100000000)
+        rest = put_blocks(end, val);
+    for (; rest.val >= 100; rest.val /= 100)
+        rest.end = put_pair(rest.end, pairs, rest.val % 100);
+    if (rest.val >= 10)
+        put_pair(rest.end, pairs, rest.val);
     else
-        end[-1] = static_cast<char>('0' + rest);
+        rest.end[-1] = static_cast<char>('0' + rest.val);
 }
 
 static void convert_hexadecimal(char* end, uintmax_t val, const char* pairs)
@@ -78,6 +91,32 @@ void convert(char* end, uintmax_t val, uint32_t base, bool upper)
         convert_hexadecimal(end, val, upper ? UPPER_PAIRS.data() : LOWER_PAIRS.data());
     else
         convert_octal(end, val);
+}
+
+void convert_fraction(char* end, uintmax_t val, size_t len)
+{
+    const char* const start = end - len;
+    for (; end - start >= 8; val /= 100000000)
+        end = put_eight(end, static_cast<uint32_t>(val % 100000000));
+    auto rest = static_cast<uint32_t>(val);
+    for (; end - start >= 2; rest /= 100)
+        end = put_pair(end, DECIMAL_PAIRS.data(), rest % 100);
+    if (end != start)
+        end[-1] = static_cast<char>('0' + rest);
+}
+
+char* put_decimal(char* start, uintmax_t val)
+{
+    char* const end = start + count_digits(val, 10);
+    convert_decimal(end, val);
+    return end;
+}
+
+char* put_hexadecimal(char* start, uintmax_t val)
+{
+    char* const end = start + count_digits(val, 16);
+    convert_hexadecimal(end, val, LOWER_PAIRS.data());
+    return end;
 }
 
 // ---- Locale ----

@@ -120,24 +120,25 @@ static uint64_t round_float(EXTENDED a)
 
 static constexpr int32_t TABLED = 324; // exponent of the smallest double
 
-struct POWERS {
-    std::array<EXTENDED, TABLED + 1> up;   // 1 multiplied by 10 so many times
-    std::array<EXTENDED, TABLED + 1> down; // 1 divided by 10 so many times
-};
-
-static constexpr POWERS POWERS_OF_10 = [] {
-    POWERS powers{};
-    powers.up[0] = powers.down[0] = ONE;
+// 1 multiplied or divided by 10 so many times, from the smallest power to the largest.
+static constexpr auto POWERS_OF_10 = [] {
+    std::array<EXTENDED, TABLED * 2 + 1> powers{};
+    powers[TABLED] = ONE;
     for (size_t i = 1; i <= TABLED; ++i) {
-        powers.up[i] = multiply(powers.up[i - 1], TEN);
-        powers.down[i] = divide(powers.down[i - 1], TEN);
+        powers[TABLED + i] = multiply(powers[TABLED + i - 1], TEN);
+        powers[TABLED - i] = divide(powers[TABLED - i + 1], TEN);
     }
     return powers;
 }();
 
+static constexpr EXTENDED power_in_table(int32_t exponent)
+{
+    return POWERS_OF_10.data()[TABLED + exponent];
+}
+
 static constexpr EXTENDED power_beyond_table(int32_t exponent)
 {
-    EXTENDED power = exponent < 0 ? POWERS_OF_10.down[TABLED] : POWERS_OF_10.up[TABLED];
+    EXTENDED power = power_in_table(exponent < 0 ? -TABLED : TABLED);
     for (; exponent < -TABLED; ++exponent)
         power = divide(power, TEN);
     for (; exponent > TABLED; --exponent)
@@ -149,8 +150,7 @@ static constexpr EXTENDED power_of_10(int32_t exponent)
 {
     if (exponent < -TABLED || exponent > TABLED)
         return power_beyond_table(exponent);
-    return exponent < 0 ? POWERS_OF_10.down[static_cast<size_t>(-exponent)]
-                        : POWERS_OF_10.up[static_cast<size_t>(exponent)];
+    return power_in_table(exponent);
 }
 
 static int32_t get_exponent_beyond_table(EXTENDED magnitude)
@@ -174,9 +174,8 @@ static constexpr int32_t estimate_exponent(int32_t exponent)
 
 static consteval bool estimate_is_never_above()
 {
-    for (int32_t i = POWERS_OF_10.down[TABLED].exponent + 1; i <= POWERS_OF_10.up[TABLED].exponent;
-         ++i)
-        if (is_less(normalize(1, i), power_of_10(estimate_exponent(i))))
+    for (int32_t i = POWERS_OF_10.front().exponent + 1; i <= POWERS_OF_10.back().exponent; ++i)
+        if (is_less(normalize(1, i), power_in_table(estimate_exponent(i))))
             return false;
     return true;
 }
@@ -187,11 +186,10 @@ static int32_t get_exponent(EXTENDED magnitude)
 {
     if (magnitude.mantissa == 0)
         return 0;
-    if (is_less(magnitude, POWERS_OF_10.down[TABLED]) ||
-        !is_less(magnitude, POWERS_OF_10.up[TABLED]))
+    if (is_less(magnitude, POWERS_OF_10.front()) || !is_less(magnitude, POWERS_OF_10.back()))
         return get_exponent_beyond_table(magnitude);
     const int32_t exponent = estimate_exponent(magnitude.exponent);
-    return exponent + !is_less(magnitude, power_of_10(exponent + 1));
+    return exponent + !is_less(magnitude, power_in_table(exponent + 1));
 }
 
 // ---- The argument ----
@@ -251,28 +249,33 @@ static char calc_float_sign(const FORMAT_CTX& fctx, const ARGUMENT& arg)
     return fctx.flags & FLAG_SPACE ? ' ' : '\0';
 }
 
-static void initial_e_style_setup(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
+// The fraction of a magnitude below 2^64, times 10^precision and rounded: to 64 bits, and then to
+// an integer. Where the fraction fits into 64 bits behind the point, as most do, its whole product
+// tells how that ends. The first rounding lifts to the half what is less than half of a last bit
+// below, or just as much, since the bit before a half is odd - if there is one, and no 18 digits
+// are so long that there is none.
+static uint64_t scale_fraction(EXTENDED a, size_t precision)
 {
-    layout.exponent = get_exponent(value);
-    if (fctx.flags & FLAG_GENERAL) {
-        --fctx.precision; // from here on the digits behind the first
-        layout.omitzeros = !(fctx.flags & FLAG_ALT);
-    }
+    const int32_t zeros = -1 - a.exponent; // bits between the point and the mantissa
+    if (zeros > std::countr_zero(a.mantissa) || precision == MAX_PRECISION)
+        return round_float(multiply(get_fraction(a), normalize(DECIMAL_POWERS[precision], 0)));
+    const uint64_t fraction = zeros < 0 ? a.mantissa << a.exponent << 1 : a.mantissa >> zeros;
+    const auto product = static_cast<uint128_t>(fraction) * DECIMAL_POWERS[precision];
+    const auto whole = static_cast<uint64_t>(product >> 64);
+    const uint64_t half_bit = std::bit_floor(whole); // of the 64 that stay, in units of 2^-64
+    return whole + (static_cast<uint64_t>(product) >= TOP_BIT - half_bit);
 }
 
 static ZYN_RETCODE calc_float_parts(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
 {
-    fctx.precision = std::min(fctx.precision, MAX_PRECISION);
     if (layout.estyle)
         value = divide(value, power_of_10(layout.exponent));
-    layout.intpart = UINTMAX_MAX;
-    if (value.exponent < 64)
-        layout.intpart = truncate(value);
+    layout.intpart = value.exponent < 64 ? truncate(value) : UINTMAX_MAX;
     if (layout.intpart == UINTMAX_MAX)
         return eRANGE;
-    const uint64_t scale = DECIMAL_POWERS[fctx.precision];
-    layout.fracpart = round_float(multiply(get_fraction(value), normalize(scale, 0)));
-    if (layout.fracpart >= scale) {
+    fctx.precision = std::min(fctx.precision, MAX_PRECISION);
+    layout.fracpart = scale_fraction(value, fctx.precision);
+    if (layout.fracpart >= DECIMAL_POWERS[fctx.precision]) {
         layout.fracpart = 0;
         ++layout.intpart;
         if (layout.estyle && layout.intpart == 10) {
@@ -283,22 +286,41 @@ static ZYN_RETCODE calc_float_parts(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTEND
     return sOKAY;
 }
 
-// Splits the value in the style of the directive; the general style decides by the exponent.
+// Whether a value is so far below the next power of ten that no rounding of its digits gets there.
+static bool stays_below(EXTENDED value, EXTENDED power)
+{
+    if (value.mantissa == 0)
+        return true;
+    const int32_t shift = power.exponent - value.exponent;
+    return value.mantissa >> shift < power.mantissa - power.mantissa / 8;
+}
+
+// The general style: fixed notation where the exponent, once the digits are rounded, allows it.
+static ZYN_RETCODE calc_general_style(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
+{
+    fctx.precision = std::min(fctx.precision - 1, MAX_PRECISION); // digits behind the first
+    layout.omitzeros = !(fctx.flags & FLAG_ALT);
+    const auto precision = static_cast<int32_t>(fctx.precision);
+    const auto is_fixed = [&] { return layout.exponent >= -4 && layout.exponent <= precision; };
+    if (!is_fixed() || !stays_below(value, power_in_table(layout.exponent + 1))) {
+        const ZYN_RETCODE rc = calc_float_parts(fctx, layout, value);
+        if (rc != sOKAY || !is_fixed())
+            return rc;
+    }
+    layout.estyle = 0;
+    fctx.precision = static_cast<size_t>(precision - layout.exponent);
+    return calc_float_parts(fctx, layout, value);
+}
+
+// Splits the value in the style of the directive.
 static ZYN_RETCODE calc_style(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED value)
 {
     layout.estyle = (fctx.flags & (FLAG_EXPONENT | FLAG_GENERAL)) != 0;
-    layout.exponent = 0;
     layout.omitzeros = 0;
     if (layout.estyle)
-        initial_e_style_setup(fctx, layout, value);
-    const ZYN_RETCODE rc = calc_float_parts(fctx, layout, value);
-    if (rc != sOKAY || !(fctx.flags & FLAG_GENERAL))
-        return rc;
-    const auto precision = static_cast<int32_t>(fctx.precision);
-    if (layout.exponent < -4 || layout.exponent > precision)
-        return sOKAY;
-    layout.estyle = 0;
-    fctx.precision = static_cast<size_t>(precision - layout.exponent);
+        layout.exponent = get_exponent(value);
+    if (fctx.flags & FLAG_GENERAL)
+        return calc_general_style(fctx, layout, value);
     return calc_float_parts(fctx, layout, value);
 }
 
@@ -306,28 +328,25 @@ static ZYN_RETCODE calc_style(FORMAT_CTX& fctx, FLT_FORMAT& layout, EXTENDED val
 static void convert_exponent(const FORMAT_CTX& fctx, FLT_FORMAT& layout)
 {
     const int32_t magnitude = layout.exponent < 0 ? -layout.exponent : layout.exponent;
-    char* pos = std::end(layout.econvert);
-    const auto put = [&pos](int ch) { *--pos = static_cast<char>(ch); };
-    put('0' + magnitude % 10);
-    put('0' + magnitude / 10 % 10);
+    char* pos = layout.econvert;
+    const auto put = [&pos](int ch) { *pos++ = static_cast<char>(ch); };
+    put(fctx.flags & FLAG_UPPER ? 'E' : 'e');
+    put(layout.exponent < 0 ? '-' : '+');
     if (magnitude >= 100)
         put('0' + magnitude / 100 % 10);
-    put(layout.exponent < 0 ? '-' : '+');
-    put(fctx.flags & FLAG_UPPER ? 'E' : 'e');
-    layout.elen = static_cast<size_t>(std::end(layout.econvert) - pos);
+    put('0' + magnitude / 10 % 10);
+    put('0' + magnitude % 10);
+    layout.elen = static_cast<size_t>(pos - layout.econvert);
 }
 
 // Takes the trailing zeros off the fraction, or all of it when it is 0.
 static void omit_zeros(FORMAT_CTX& fctx, FLT_FORMAT& layout)
 {
-    if (layout.flen == 0) {
-        layout.omitcount = fctx.precision;
-        layout.leadfraczeros = 0;
-    } else {
+    if (layout.fracpart == 0)
+        fctx.precision = 0;
+    else
         for (; layout.fracpart % 10 == 0; layout.fracpart /= 10)
-            ++layout.omitcount;
-    }
-    fctx.precision -= layout.omitcount;
+            --fctx.precision;
 }
 
 static void calc_digits(FORMAT_CTX& fctx, FLT_FORMAT& layout)
@@ -336,25 +355,21 @@ static void calc_digits(FORMAT_CTX& fctx, FLT_FORMAT& layout)
     if (layout.estyle)
         convert_exponent(fctx, layout);
     layout.ilen = count_digits(layout.intpart, 10);
-    layout.flen = layout.fracpart != 0 ? count_digits(layout.fracpart, 10) : 0;
-    layout.leadfraczeros = fctx.precision - layout.flen;
-    layout.omitcount = 0;
     if (layout.omitzeros)
         omit_zeros(fctx, layout);
 }
 
-// The locale's decimal point, which may have several bytes.
-static const char* get_decimal_point(FORMAT_CTX& fctx)
+// The locale's decimal point; it is a single byte nearly everywhere.
+static void getnumdec(FORMAT_CTX& fctx, FLT_FORMAT& layout)
 {
-    const char* const point = setup_locale(fctx).decimal_point;
-    return point != nullptr ? point : ".";
-}
-
-static size_t getnumdec(FORMAT_CTX& fctx)
-{
+    layout.point = "";
+    layout.emitpoint = 0;
     if (fctx.precision == 0 && !(fctx.flags & FLAG_ALT))
-        return 0;
-    return strlen(get_decimal_point(fctx));
+        return;
+    const char* const point = setup_locale(fctx).decimal_point;
+    layout.point = point != nullptr ? point : ".";
+    const bool single = layout.point[0] != '\0' && layout.point[1] == '\0';
+    layout.emitpoint = single ? 1 : strlen(layout.point);
 }
 
 static void calc_padding(const FORMAT_CTX& fctx, FLT_FORMAT& layout, size_t total)
@@ -365,14 +380,16 @@ static void calc_padding(const FORMAT_CTX& fctx, FLT_FORMAT& layout, size_t tota
     layout.rpadlen = left ? missing : 0;
 }
 
-static void calc_float_format(FORMAT_CTX& fctx, FLT_FORMAT& layout)
+// Returns the size of the field.
+static size_t calc_float_format(FORMAT_CTX& fctx, FLT_FORMAT& layout)
 {
     calc_digits(fctx, layout);
-    layout.emitpoint = getnumdec(fctx);
+    getnumdec(fctx, layout);
     layout.separators = fctx.flags & FLAG_GROUP ? getnumsep(fctx, layout.ilen) : 0;
-    calc_padding(fctx, layout,
-                 layout.elen + layout.ilen + fctx.precision + layout.emitpoint +
-                     (layout.sign != 0) + layout.separators);
+    const size_t total = layout.elen + layout.ilen + fctx.precision + layout.emitpoint +
+                         (layout.sign != 0) + layout.separators;
+    calc_padding(fctx, layout, total);
+    return std::max(total, fctx.width);
 }
 
 // ---- Output ----
@@ -392,19 +409,20 @@ static ZYN_RETCODE output_padded_sign(Sink& sink, const FORMAT_CTX& fctx, const 
 }
 
 template <class Sink>
-static ZYN_RETCODE printdec(Sink& sink, FORMAT_CTX& fctx, const FLT_FORMAT& layout)
-{
-    if (layout.emitpoint == 0)
-        return sOKAY;
-    return sink.emitstr(get_decimal_point(fctx), layout.emitpoint);
-}
-
-template <class Sink>
 static ZYN_RETCODE output_intpart(Sink& sink, FORMAT_CTX& fctx, FLT_FORMAT& layout)
 {
     if (fctx.flags & FLAG_GROUP)
-        return print_groups(sink, fctx, layout.intpart, layout.ilen, layout.iconvert);
-    return print_digits(sink, fctx, layout.intpart, layout.ilen, layout.iconvert);
+        return print_groups(sink, fctx, layout.intpart, layout.ilen, layout.tmp);
+    return print_digits(sink, fctx, layout.intpart, layout.ilen, layout.tmp);
+}
+
+template <class Sink>
+static ZYN_RETCODE output_fraction(Sink& sink, const FORMAT_CTX& fctx, FLT_FORMAT& layout)
+{
+    char* const room = sink.claim(fctx.precision);
+    char* const start = room != nullptr ? room : layout.tmp;
+    convert_fraction(start + fctx.precision, layout.fracpart, fctx.precision);
+    return room != nullptr ? sOKAY : sink.emitstr(start, fctx.precision);
 }
 
 template <class Sink>
@@ -414,14 +432,11 @@ static ZYN_RETCODE output_float(Sink& sink, FORMAT_CTX& fctx, FLT_FORMAT& layout
     if (rc == sOKAY)
         rc = output_intpart(sink, fctx, layout);
     if (rc == sOKAY)
-        rc = printdec(sink, fctx, layout);
+        rc = sink.emitstr(layout.point, layout.emitpoint);
     if (rc == sOKAY)
-        rc = sink.emitn('0', layout.leadfraczeros);
-    if (rc == sOKAY && layout.flen != 0)
-        rc = print_digits(sink, fctx, layout.fracpart, layout.flen - layout.omitcount,
-                          layout.fconvert);
+        rc = output_fraction(sink, fctx, layout);
     if (rc == sOKAY)
-        rc = sink.emitstr(std::end(layout.econvert) - layout.elen, layout.elen);
+        rc = sink.emitstr(layout.econvert, layout.elen);
     if (rc == sOKAY)
         rc = sink.emitn(' ', layout.rpadlen);
     return rc;
@@ -463,7 +478,7 @@ static ZYN_RETCODE output_word(Sink& sink, FORMAT_CTX& fctx, FLT_FORMAT& layout,
 
 // ---- The conversion ----
 
-// Takes the argument and lays it out; `word` becomes what stands for a value that is no number.
+// Takes the argument and splits it; `word` becomes what stands for a value that is no number.
 static ZYN_RETCODE format_float(ZYN_PRINTF_CTX& pctx, FLT_FORMAT& layout, const char*& word)
 {
     FORMAT_CTX& fctx = pctx.fctx;
@@ -476,10 +491,7 @@ static ZYN_RETCODE format_float(ZYN_PRINTF_CTX& pctx, FLT_FORMAT& layout, const 
         fctx.precision = DEFAULT_PRECISION;
     else if (fctx.precision == 0 && (fctx.flags & FLAG_GENERAL))
         fctx.precision = 1;
-    const ZYN_RETCODE rc = calc_style(fctx, layout, arg.magnitude);
-    if (rc == sOKAY)
-        calc_float_format(fctx, layout);
-    return rc;
+    return calc_style(fctx, layout, arg.magnitude);
 }
 
 template <class Sink>
@@ -492,7 +504,11 @@ ZYN_RETCODE handle_float(Sink& sink, ZYN_PRINTF_CTX& pctx)
         return rc;
     if (word != nullptr)
         return output_word(sink, pctx.fctx, layout, word);
-    return output_float(sink, pctx.fctx, layout);
+    char* const room = sink.claim(calc_float_format(pctx.fctx, layout));
+    if (room == nullptr)
+        return output_float(sink, pctx.fctx, layout);
+    ROOM_SINK whole{room};
+    return output_float(whole, pctx.fctx, layout);
 }
 
 template ZYN_RETCODE handle_float(CALLBACK_SINK& sink, ZYN_PRINTF_CTX& pctx);

@@ -80,27 +80,24 @@ struct INT_FORMAT {
     uintmax_t uval;       // the magnitude
 };
 
-// The layout of one floating value: padding, sign, integer digits, point, zeros, fraction digits,
-// exponent, padding.
+// The layout of one floating value: padding, sign, integer digits, point, fraction digits (as many
+// as the precision tells), exponent, padding.
 struct FLT_FORMAT {
-    char sign;                 // '-', '+', ' ', or 0 for none
-    size_t elen;               // exponent characters, 0 in fixed notation
-    size_t ilen;               // integer digits
-    size_t flen;               // digits of `fracpart` as an integer, 0 when it is 0
-    int32_t estyle;            // 1: exponent notation
-    size_t lpadlen;            // padding before
-    size_t rpadlen;            // padding after
-    int32_t exponent;          // decimal exponent
-    size_t emitpoint;          // length of the decimal point, 0 for none
-    int32_t omitzeros;         // 1: drop trailing fraction zeros
-    size_t omitcount;          // how many were dropped
-    size_t separators;         // bytes that grouping adds to the integer part
-    size_t leadfraczeros;      // zeros between the point and the digits of `fracpart`
-    char econvert[5];          // exponent characters, at the end of the array
-    char iconvert[MAX_DIGITS]; // integer digits, as INT_FORMAT::tmp
-    char fconvert[MAX_DIGITS]; // fraction digits, likewise
-    uintmax_t intpart;         // integer part of the value
-    uintmax_t fracpart;        // its fraction times 10^precision, rounded
+    char sign;            // '-', '+', ' ', or 0 for none
+    size_t elen;          // exponent characters, 0 in fixed notation
+    size_t ilen;          // integer digits
+    int32_t estyle;       // 1: exponent notation
+    size_t lpadlen;       // padding before
+    size_t rpadlen;       // padding after
+    int32_t exponent;     // decimal exponent
+    size_t emitpoint;     // length of the decimal point, 0 for none
+    const char* point;    // the decimal point, "" for none
+    int32_t omitzeros;    // 1: drop trailing fraction zeros
+    size_t separators;    // bytes that grouping adds to the integer part
+    char econvert[5];     // exponent characters, at the end of the array
+    char tmp[MAX_DIGITS]; // digits, as INT_FORMAT::tmp
+    uintmax_t intpart;    // integer part of the value
+    uintmax_t fracpart;   // its fraction times 10^precision, rounded
 };
 
 // ---- Sinks ----
@@ -273,12 +270,12 @@ struct BUFFER_SINK {
         return static_cast<size_t>(pos - start) + lost;
     }
 
-  private:
     size_t room() const
     {
         return static_cast<size_t>(end - pos);
     }
 
+  private:
     // Gives up what does not fit of n bytes; returns how many do.
     size_t cut(size_t n)
     {
@@ -313,6 +310,13 @@ inline size_t count_digits(uintmax_t val, uint32_t base)
 
 // Writes the digits of `val` downwards from `end`; their number is that of count_digits.
 void convert(char* end, uintmax_t val, uint32_t base, bool upper);
+
+// Writes just the last `len` decimal digits of `val`, zeros in front included.
+void convert_fraction(char* end, uintmax_t val, size_t len);
+
+// Writes the digits of `val` from `start` on, hexadecimal ones in lower case; returns their end.
+char* put_decimal(char* start, uintmax_t val);
+char* put_hexadecimal(char* start, uintmax_t val);
 
 // The C library's numeric conventions, fetched once a directive.
 const lconv& setup_locale(FORMAT_CTX& fctx);

@@ -393,6 +393,20 @@ TEST_P(FloatModelTest, AgreesOnLongDoubles)
         check(any_directive(), below(2) == 0 ? any_long_double() : -any_long_double(), true);
 }
 
+// Where a fraction just fits into 64 bits, or just does not, and where all digits are asked for.
+TEST_P(FloatModelTest, AgreesOnLongFractions)
+{
+    Directive directive;
+    directive.type = 'f';
+    for (int i = 0; i < rounds / 4 && !HasFatalFailure(); i++) {
+        directive.precision = 14 + below(6);
+        const auto value = std::ldexp(static_cast<long double>(random64() >> below(12)),
+                                      static_cast<int>(below(24)) - 80);
+        check(directive, value, true);
+        check(directive, static_cast<double>(value), false);
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Seeds, FloatModelTest, ::testing::Range(1u, 3u));
 
 // The least long doubles are beyond the powers of ten that the processor has in full; they are
