@@ -3,18 +3,16 @@
 // in psp_float.cpp, the digits of both in psp_digits.cpp.
 //
 // One pass over the format, one over each argument. A directive is parsed into a FORMAT_CTX, laid
-// out (all lengths first), then emitted from left to right. Everything lives on the stack; the
-// locale is asked only when a directive groups digits. Nothing is ever read behind the format's NUL
-// nor behind a string argument's precision.
+// out (all lengths first), then emitted from left to right; the barest ones, which most are, go
+// into a buffer without any of that. Everything lives on the stack; the locale is asked only when a
+// directive groups digits. Nothing is ever read behind the format's NUL nor behind a string
+// argument's precision.
 #include "psp_internal.h"
 
 #include "psp/format.h"
 
 #include <array>
-#include <bit>
 #include <utility>
-
-#include <emmintrin.h>
 
 // ---- Integers ----
 
@@ -122,25 +120,39 @@ static ZYN_RETCODE output_int(Sink& sink, FORMAT_CTX& fctx, INT_FORMAT& layout)
     return rc;
 }
 
-// Whether a directive asks for nothing but the digits and a minus sign.
-static inline bool is_plain(const FORMAT_CTX& fctx)
+// Whether a directive asks for nothing but a sign, digits and padding.
+static inline bool is_simple(const FORMAT_CTX& fctx)
 {
-    return !(fctx.flags & ~(FLAG_UNSIGNED | FLAG_UPPER)) && fctx.width == 0 &&
-           fctx.precision == NOT_GIVEN;
+    return !(fctx.flags & (FLAG_ALT | FLAG_POINTER | FLAG_GROUP)) && fctx.precision == NOT_GIVEN;
 }
 
-// What most directives are, without a layout; false when the output has no room for all of it.
+// What such a directive comes to; false when the output has no room for all of it.
 template <class Sink>
-static inline bool format_plain_int(Sink& sink, const FORMAT_CTX& fctx, intmax_t val)
+static inline bool format_simple_int(Sink& sink, const FORMAT_CTX& fctx, intmax_t val)
 {
-    const bool negative = val < 0 && !(fctx.flags & FLAG_UNSIGNED);
-    const uintmax_t uval = negative ? 0 - static_cast<uintmax_t>(val) : static_cast<uintmax_t>(val);
-    const size_t len = negative + count_digits(uval, fctx.base);
-    char* const room = sink.claim(len);
-    if (room == nullptr)
+    INT_FORMAT layout;
+    calc_int_sign(fctx, val, layout);
+    const size_t len = count_digits(layout.uval, fctx.base);
+    const size_t total = len + (layout.sign != 0);
+    const size_t missing = total < fctx.width ? fctx.width - total : 0;
+    char* pos = sink.claim(total + missing);
+    if (pos == nullptr)
         return false;
-    *room = '-'; // or the first digit, in a moment
-    convert(room + len, uval, fctx.base, fctx.flags & FLAG_UPPER);
+    const auto pad = [&pos, missing](char ch) {
+        fill_run(pos, ch, missing);
+        pos += missing;
+    };
+    const uint16_t place = fctx.flags & (FLAG_LEFT | FLAG_ZERO);
+    if (place == 0)
+        pad(' ');
+    if (layout.sign != 0)
+        *pos++ = layout.sign;
+    if (place == FLAG_ZERO)
+        pad('0');
+    pos += len;
+    convert(pos, layout.uval, fctx.base, fctx.flags & FLAG_UPPER);
+    if (place & FLAG_LEFT)
+        pad(' ');
     return true;
 }
 
@@ -185,7 +197,7 @@ template <class Sink>
 static ZYN_RETCODE handle_integer(Sink& sink, ZYN_PRINTF_CTX& pctx)
 {
     const intmax_t val = get_int(pctx);
-    if (is_plain(pctx.fctx) && format_plain_int(sink, pctx.fctx, val))
+    if (is_simple(pctx.fctx) && format_simple_int(sink, pctx.fctx, val))
         return sOKAY;
     return format_int(sink, pctx.fctx, val);
 }
@@ -451,6 +463,66 @@ static ZYN_RETCODE handle_type(Sink& sink, ZYN_PRINTF_CTX& pctx, HANDLER handler
     return sOKAY;
 }
 
+// ---- Bare directives ----
+
+static inline void put_int(BUFFER_SINK& sink, intmax_t val)
+{
+    const auto bits = static_cast<uintmax_t>(val);
+    const bool negative = val < 0;
+    *sink.pos = '-'; // or the first digit, in a moment
+    sink.pos = put_decimal(sink.pos + negative, negative ? 0 - bits : bits);
+}
+
+static inline void put_str(BUFFER_SINK& sink, const char* str)
+{
+    if (str == nullptr)
+        str = "(null)";
+    sink.emitstr(str, strlen(str));
+}
+
+// Most directives are a conversion character alone, at most behind an l or two, and most outputs
+// are buffers with room for any number: that takes neither a context nor a layout. False: it is
+// another directive, and nothing has happened.
+static inline bool format_bare(BUFFER_SINK& sink, ZYN_PRINTF_CTX& pctx)
+{
+    const char* pos = pctx.fctx.fmt;
+    const bool is_long = *pos == 'l';
+    if (is_long)
+        pos += pos[1] == 'l' ? 2 : 1;
+    if (sink.room() < MAX_DIGITS)
+        return false;
+    va_list& args = pctx.args;
+    switch (*pos) {
+    case 'd':
+        put_int(sink, is_long ? va_arg(args, intmax_t) : va_arg(args, int));
+        break;
+    case 'u':
+        sink.pos =
+            put_decimal(sink.pos, is_long ? va_arg(args, uintmax_t) : va_arg(args, unsigned));
+        break;
+    case 'x':
+        sink.pos =
+            put_hexadecimal(sink.pos, is_long ? va_arg(args, uintmax_t) : va_arg(args, unsigned));
+        break;
+    case 'c':
+        *sink.pos++ = static_cast<char>(va_arg(args, int));
+        break;
+    case 's':
+        put_str(sink, va_arg(args, const char*));
+        break;
+    default:
+        return false;
+    }
+    pctx.fctx.fmt = pos + 1;
+    return true;
+}
+
+// A callback gets its bytes one by one in any case.
+static inline bool format_bare(CALLBACK_SINK&, ZYN_PRINTF_CTX&)
+{
+    return false;
+}
+
 // The directive behind the '%' at the position, which moves behind it, but never behind the NUL.
 template <class Sink>
 static ZYN_RETCODE handle_fmt(Sink& sink, ZYN_PRINTF_CTX& pctx)
@@ -464,7 +536,7 @@ static ZYN_RETCODE handle_fmt(Sink& sink, ZYN_PRINTF_CTX& pctx)
             .fmt = fctx.fmt,
             .lc = nullptr};
     const CONVERSION* type = parse_type(fctx);
-    if (type->handler == H_NONE) { // most directives are their conversion character alone
+    if (type->handler == H_NONE) { // perhaps not yet the conversion character
         const ZYN_RETCODE rc = parse_directive(pctx);
         if (rc != sOKAY)
             return rc;
@@ -478,48 +550,25 @@ static ZYN_RETCODE handle_fmt(Sink& sink, ZYN_PRINTF_CTX& pctx)
 
 // ---- The engine ----
 
-// Which of the 16 bytes at `text` are '%', the first one in the lowest bit.
-static inline uint32_t percent_signs(const char* text)
-{
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
-    const __m128i hits = _mm_cmpeq_epi8(block, _mm_set1_epi8('%'));
-    return static_cast<uint32_t>(_mm_movemask_epi8(hits));
-}
-
-// The first '%' from `text` on, or `end`. The blocks stay within the format: the last one reaches
-// back over bytes that are behind us already, and a format too short for that goes by single bytes.
-static inline const char* find_directive(const char* start, const char* text, const char* end)
-{
-    for (; end - text >= 16; text += 16)
-        if (const uint32_t hits = percent_signs(text))
-            return text + std::countr_zero(hits);
-    if (end - start >= 16) {
-        const uint32_t hits = percent_signs(end - 16) >> (16 - (end - text));
-        return hits != 0 ? text + std::countr_zero(hits) : end;
-    }
-    while (text != end && *text != '%')
-        ++text;
-    return text;
-}
-
 // Formats with the arguments that `pctx` holds; its directive is the engine's own.
 template <class Sink>
 static ZYN_RETCODE format(Sink& sink, const char* fmt, ZYN_PRINTF_CTX& pctx)
 {
-    const char* const end = fmt + strlen(fmt);
     const char* pos = fmt;
-    while (pos != end) {
+    while (*pos != '\0') {
         if (*pos != '%') {
             const char* const text = pos;
-            pos = find_directive(fmt, text, end);
+            pos = strchrnul(text, '%');
             const ZYN_RETCODE rc = sink.emitstr(text, static_cast<size_t>(pos - text));
-            if (rc != sOKAY || pos == end)
+            if (rc != sOKAY || *pos == '\0')
                 return rc;
         }
         pctx.fctx.fmt = pos + 1;
-        const ZYN_RETCODE rc = handle_fmt(sink, pctx);
-        if (rc != sOKAY)
-            return rc;
+        if (!format_bare(sink, pctx)) {
+            const ZYN_RETCODE rc = handle_fmt(sink, pctx);
+            if (rc != sOKAY)
+                return rc;
+        }
         pos = pctx.fctx.fmt;
     }
     return sOKAY;

@@ -8,6 +8,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <vector>
 
 using namespace psptest;
 
@@ -82,9 +83,13 @@ void run_bounded(Run& run, const char* fmt, va_list args)
 {
     const std::string& text = run.expected.text;
     const int result = run.expected.code == sOKAY ? static_cast<int>(text.size()) : -1;
-    std::string room(text.size() + 12, 'Z');
-    std::size_t step = run.every_size ? 1 : 1 + text.size() / 3;
-    for (std::size_t size = 0; size <= text.size() + 4; size += step) {
+    const std::size_t plenty = text.size() + 64; // no directive has to look for the end
+    std::string room(plenty + 8, 'Z');
+    const std::size_t step = run.every_size ? 1 : 1 + text.size() / 3;
+    std::vector<std::size_t> sizes{plenty};
+    for (std::size_t size = 0; size <= text.size() + 4; size += step)
+        sizes.push_back(size);
+    for (const std::size_t size : sizes) {
         std::fill(room.begin(), room.end(), 'Z');
         run.targets.words.fill(untouched);
         run.expect(psp_vsnprintf(room.data(), size, fmt, args) == result, "bounded result");

@@ -1,6 +1,7 @@
 // The formatting engine: the callback's side, the grammar of a directive, every conversion but the
 // floating ones, and '%n'. In the C locale.
 #include "support/format_test.h"
+#include "support/guarded.h"
 #include "support/psp_test.h"
 
 #include <gtest/gtest.h>
@@ -110,6 +111,24 @@ TEST(Format, CopiesTextOfEveryLengthAroundADirective)
             const std::string left(before, 'l'), right(after, 'r');
             EXPECT_EQ(formatted((left + "%d" + right).c_str(), 7), left + "7" + right);
         }
+}
+
+TEST(Format, ReadsNoByteBehindAnEnd)
+{
+    GuardedRoom formats(300), strings(300);
+    for (std::size_t length = 0; length < 100; length++) {
+        const std::string text(length, 't'), end(1, '\0');
+        const char* const string = strings.place(text + end);
+        EXPECT_EQ(formatted(formats.place(text + end)), text);
+        EXPECT_EQ(formatted(formats.place("%s" + text + end), string), text + text);
+        EXPECT_EQ(formatted(formats.place(text + "%s" + end), string), text + text);
+        EXPECT_EQ(formatted(formats.place(text + "%120s" + end), string),
+                  text + std::string(120 - length, ' ') + text);
+        for (const char* cut_off : {"%", "%l", "%ll", "%-", "%8", "%.", "%h"})
+            EXPECT_EQ(formatted(formats.place(text + cut_off + end)), text) << cut_off;
+        const char* const unterminated = strings.place(text);
+        EXPECT_EQ(formatted("%.*s", static_cast<int>(length), unterminated), text);
+    }
 }
 
 // ---- Flags ----

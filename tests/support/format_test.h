@@ -52,6 +52,10 @@ std::string formatted(const char* fmt, Args... args)
     std::string stored(sink.text.size() + 1, '\x5A');
     EXPECT_EQ(psp_snprintf(stored.data(), stored.size(), fmt, args...), length) << fmt;
     EXPECT_EQ(stored, sink.text + '\0') << fmt;
+    const std::string behind(64, '\x5A'); // so much room that no directive has to look for its end
+    std::string roomy = sink.text + '\x5A' + behind;
+    EXPECT_EQ(psp_snprintf(roomy.data(), roomy.size(), fmt, args...), length) << fmt;
+    EXPECT_EQ(roomy, sink.text + '\0' + behind) << fmt;
     return sink.text;
 }
 
