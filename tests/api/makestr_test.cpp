@@ -81,10 +81,32 @@ TEST_F(MakeStr, GivesStringsOfEveryLength)
     destroy_tag(tag);
 }
 
+// Short texts are made elsewhere and move; longer ones are made in place.
+TEST_F(MakeStr, MakesShortAndLongTextsAlike)
+{
+    PSP_MEMTAG tag = make_tag();
+    std::string digits;
+    while (digits.size() < 2000)
+        digits += std::to_string(digits.size());
+    for (int length = 0; length < 1100; length += length % 256 < 240 && length % 256 > 8 ? 29 : 1) {
+        const std::string wanted = digits.substr(0, static_cast<std::size_t>(length));
+        char* text = psp_makeStrVA(HERE, tag, "%.*s", length, digits.c_str());
+        ASSERT_EQ(text, wanted);
+        text = psp_appendStrVA(HERE, tag, text, "%.*s|", length, digits.c_str());
+        ASSERT_EQ(text, wanted + wanted + '|');
+        psp_freeMem(text, tag, HERE);
+    }
+    destroy_tag(tag);
+}
+
 TEST_F(MakeStr, KeepsBytesBehindANul)
 {
     char* text = psp_makeStrVA(HERE, PSP_THREAD_TAG, "ab%ccd", 0);
     EXPECT_EQ(std::string(text, 6), std::string("ab\0cd\0", 6));
+    psp_freeMem(text, PSP_THREAD_TAG, HERE);
+    text = psp_makeStrVA(HERE, PSP_THREAD_TAG, "%600cx%600s", 0, "y");
+    EXPECT_EQ(std::string(text, 3), std::string("\0x ", 3));
+    EXPECT_EQ(std::string(text + 600, 3), std::string(" y\0", 3));
     psp_freeMem(text, PSP_THREAD_TAG, HERE);
 }
 
