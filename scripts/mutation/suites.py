@@ -21,6 +21,7 @@ FAMILIES = {
     "psp_allocator_stack.cpp": f"unit_stack_* {MEMORY}",
     "psp_bits.cpp": "api_bits_*",
     "psp_digits.cpp": f"api_float_* {FORMAT} fault_pure_*",
+    "psp_directive.cpp": FORMAT,
     "psp_fileutil.cpp": "api_fileutil_* fault_fileutil_*",
     "psp_float.cpp": f"api_float_* {FORMAT} fault_pure_*",
     "psp_large_block.cpp": f"unit_large_* {MEMORY}",

@@ -284,6 +284,10 @@ struct BUFFER_SINK {
     }
 };
 
+// Reads flags, width, precision and modifier, as far as they are there, from the position in the
+// format on; eRANGE for a width or a precision of too many digits.
+ZYN_RETCODE parse_directive(ZYN_PRINTF_CTX& pctx);
+
 // ---- What integers and floating values share ----
 
 // 10^0 to 10^19, all that 64 bits hold.
