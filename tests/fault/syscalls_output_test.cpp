@@ -130,6 +130,21 @@ void time_is_missing(Redirected& w, const Failure* failure)
     }
 }
 
+// A year of five digits is the C library's to write.
+long log_in_a_far_year(Redirected&)
+{
+    Fault::replace(
+        "time", +[](time_t*) -> time_t { return 253403164800; });
+    return psp_log("line\n");
+}
+
+void far_time_is_missing(Redirected& w, const Failure* failure)
+{
+    const std::string log = read_file(w.log);
+    EXPECT_EQ(log.substr(0, 8), failure != nullptr ? "  line\n" : "[10000-0");
+    EXPECT_EQ(log.size(), failure != nullptr ? 7u : time_prefix + 6);
+}
+
 // clang-format off
 const OutputRow rows[] = {
     // ---- Opening and closing destinations ----
@@ -232,9 +247,8 @@ const OutputRow rows[] = {
     {"psp_log", "localtime_r",
      [](Redirected&) -> long { return psp_log("line\n"); },
      5, always<5>, unsaid, time_is_missing},
-    {"psp_log", "strftime",
-     [](Redirected&) -> long { return psp_log("line\n"); },
-     5, always<5>, unsaid, time_is_missing},
+    {"psp_log in a far year", "strftime", log_in_a_far_year, 5, always<5>, unsaid,
+     far_time_is_missing},
 };
 // clang-format on
 

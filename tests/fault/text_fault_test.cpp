@@ -9,6 +9,8 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <ctime>
+#include <random>
 #include <string>
 
 extern "C" ZYN_RETCODE __real_psp_syncEnterExcl(PSP_SEM sem);
@@ -382,6 +384,33 @@ TEST_F(LogFault, WithoutALocalTimeKeepsTheMessage)
     psp_log_closeEx(nullptr);
     EXPECT_EQ(captured.finish(), "text\n");
     EXPECT_EQ(read_file(path_), "  text\n");
+}
+
+time_t told_time;
+
+time_t tell_time(time_t*)
+{
+    return told_time;
+}
+
+TEST_F(LogFault, WritesEveryTimeAsTheCLibraryDoes)
+{
+    constexpr time_t day = 86400;
+    constexpr time_t year_1000 = -30610224000, year_10000 = 253402300800;
+    std::mt19937_64 random(31);
+    Fault::replace("time", tell_time);
+    for (int i = 0; i < 2000; i++) {
+        const time_t around[] = {year_1000, year_10000, 0, year_1000 + 12000 * 365 * day};
+        told_time = i < 40 ? around[i % 4] + (i / 4 - 5) * day / 2 - (i % 8 < 4)
+                           : year_1000 + static_cast<time_t>(random() % (10000ULL * 365 * day));
+        struct tm local;
+        localtime_r(&told_time, &local);
+        char expected[64];
+        strftime(expected, sizeof expected, "[%F %T]  x", &local);
+        CapturedFd captured(1);
+        psp_log_with_time("x");
+        ASSERT_EQ(captured.finish(), expected);
+    }
 }
 
 TEST_F(LogFault, ShowsTheSameTimeOnBothSides)
