@@ -37,6 +37,7 @@ FAMILIES = {
     "psp_scan.cpp": "api_scan_* fault_path_*",
     "psp_stream.cpp": STREAM,
     "psp_stream_cache.cpp": f"fault_stream_cache_* {STREAM}",
+    "psp_stream_utf16.cpp": f"api_stream_utf16_* {STREAM}",
     "psp_string.cpp": "api_string_* fault_pure_*",
     "psp_threads_pthread.cpp": "api_thread_* unit_sync_* fault_sync_*",
     "psp_threads_unix.cpp": f"api_sync_* unit_sync_* fault_sync_* {LOCKS} stress_sync_*",

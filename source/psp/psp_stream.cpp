@@ -1,20 +1,20 @@
-// Text streams: UTF-8 for the caller, UTF-8 or UTF-16 in the file.
+// Text streams: UTF-8 for the caller, UTF-8 or UTF-16 (psp_stream_utf16.cpp) in the file.
 //
-// A reader decodes a UTF-16 character at a time, hands out its first byte and pushes the others
-// back; a writer assembles a character in the stream until its last byte arrives. Everything goes
-// through the cache (psp_stream_cache.cpp), a byte at O(1).
-//
-// Bytes come out as signed values, so FF looks like the end of the file. Neither side rejects all
-// that is malformed: overlong forms and surrogates pass from UTF-8 to UTF-16.
+// Everything goes through the cache (psp_stream_cache.cpp): a character in O(1), and lines and
+// strings in runs as long as its window. Bytes come out as signed values, so FF looks like the end
+// of the file.
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
+
+#include <emmintrin.h>
 
 #include "psp/file.h"
 #include "psp/mem.h"
 #include "psp/stream.h"
-#include "psp/utf8.h"
 #include "psp_file_int.h"
+#include "psp_internal.h"
 #include "psp_stream_int.h"
 #include "pspint.h"
 #include "pspposix.h"
@@ -25,7 +25,6 @@ static_assert(offsetof(PSP_FILE_CTX, is_stdin) == 124);
 
 namespace {
 
-constexpr int32_t END_OF_FILE = -1;
 constexpr uint32_t MODE_CHARS = 3;
 constexpr uint32_t LINE_STEP = 100;
 constexpr uint16_t BYTE_ORDER_MARK = 0xFEFF;
@@ -161,106 +160,124 @@ ZYN_RETCODE streamOpenStd(const char* stdfile, uint16_t xflags, PSP_FILE_STREAM*
 
 // ---- Reading ----
 
-inline int32_t widened(uint8_t byte)
-{
-    return static_cast<int8_t>(byte);
-}
-
-inline bool isHighSurrogate(uint32_t unit)
-{
-    return (unit & 0xFC00) == 0xD800;
-}
-
-inline bool isLowSurrogate(uint32_t unit)
-{
-    return (unit & 0xFC00) == 0xDC00;
-}
-
-inline int32_t pushBack(int32_t c, PSP_FILE_STREAM stream)
-{
-    if (stream->pboff == PUSHBACK_SIZE)
-        return -1;
-    stream->pbstack[stream->pboff++] = c;
-    return c;
-}
-
-// Half a unit at the end of the file counts, with the other half 0. The second unit of a pair is
-// taken as it lies in the file: it is neither swapped nor checked.
-int32_t readUtf16(PSP_FILE_STREAM stream)
-{
-    uint16_t unit = 0;
-    if (fileCacheRead(stream->fh, &unit, sizeof(unit)) == 0)
-        return END_OF_FILE;
-    if (stream->swap)
-        unit = __builtin_bswap16(unit);
-    if (isLowSurrogate(unit))
-        return '.';
-    uint32_t val = unit;
-    if (isHighSurrogate(unit)) {
-        uint16_t low = 0;
-        if (fileCacheRead(stream->fh, &low, sizeof(low)) != sizeof(low))
-            return END_OF_FILE;
-        val = ((val & 0x3FFU) << 10) + (low & 0x3FFU) + 0x10000;
-    }
-    uint8_t bytes[4];
-    for (uint32_t left = psp_utf8_codes(val, bytes); left > 1; --left)
-        pushBack(widened(bytes[left - 1]), stream);
-    return widened(bytes[0]);
-}
-
 inline int32_t readChar(PSP_FILE_STREAM stream)
 {
     if (stream->pboff != 0)
         return stream->pbstack[--stream->pboff];
     if (stream->fmode == PSP_FILE_MODE_UTF8) {
-        char byte;
-        return fileCacheGetByte(stream->fh, &byte) ? widened(static_cast<uint8_t>(byte))
-                                                   : END_OF_FILE;
+        uint8_t byte;
+        return fileCacheGet(stream->fh, &byte) != 0 ? widened(byte) : END_OF_FILE;
     }
-    return stream->fmode == PSP_FILE_MODE_UTF16 ? readUtf16(stream) : 0;
+    return stream->fmode == PSP_FILE_MODE_UTF16 ? utf16GetChar(stream) : 0;
 }
 
-// ---- Writing UTF-16 ----
-
-inline bool putUnit(PSP_FILE_STREAM stream, uint32_t val)
+// The bytes that a run stops at: a newline, what looks like the end of the file, and a NUL.
+inline uint32_t stopsIn(__m128i bytes)
 {
-    const auto unit = static_cast<uint16_t>(val);
-    return fileCacheWrite(stream->fh, &unit, sizeof(unit)) == sizeof(unit);
+    const __m128i newline = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\n'));
+    const __m128i end = _mm_cmpeq_epi8(bytes, _mm_set1_epi8(END_OF_FILE));
+    const __m128i nul = _mm_cmpeq_epi8(bytes, _mm_setzero_si128());
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(newline, end), nul)));
 }
 
-// The first byte of a character: its length is in the leading ones, the rest begins the value.
-bool beginChar(PSP_FILE_STREAM stream, uint8_t byte)
+inline bool isStop(char byte)
 {
-    if (byte < 0x80)
-        return putUnit(stream, byte);
-    if (byte < 0xC2 || byte > 0xF4)
-        return false;
-    const bool two = byte < 0xE0;
-    const bool three = byte < 0xF0;
-    stream->bytesleft = two ? 1 : three ? 2 : 3;
-    stream->val = byte & (two ? 0x1FU : three ? 0x0FU : 0x07U);
-    return true;
+    return byte == '\n' || byte == '\0' || widened(static_cast<uint8_t>(byte)) == END_OF_FILE;
 }
 
-bool putChar(PSP_FILE_STREAM stream)
+inline __m128i loadVector(const char* bytes)
 {
-    if (stream->val > 0xFFFF) {
-        if (!putUnit(stream, 0xD800 | (((stream->val - 0x10000) >> 10) & 0x3FF)))
-            return false;
-        stream->val = 0xDC00 | (stream->val & 0x3FF);
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+}
+
+inline void storeVector(char* bytes, __m128i vector)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes), vector);
+}
+
+// Copies bytes up to the first stop, and that, too, if it is a newline. Returns their number.
+inline size_t copyRun(char* to, const char* from, size_t len)
+{
+    constexpr size_t VECTOR = sizeof(__m128i);
+    size_t n = 0;
+    for (; len - n >= VECTOR; n += VECTOR) {
+        const __m128i part = loadVector(from + n);
+        if (const uint32_t stops = stopsIn(part); stops != 0) {
+            n += static_cast<size_t>(std::countr_zero(stops));
+            n += from[n] == '\n';
+            if (n < VECTOR)
+                copy_run(to, from, n);
+            else // once more some of what was copied
+                storeVector(to + n - VECTOR, loadVector(from + n - VECTOR));
+            return n;
+        }
+        storeVector(to + n, part);
     }
-    return putUnit(stream, stream->val);
+    for (; n < len && !isStop(from[n]); ++n)
+        to[n] = from[n];
+    if (n < len && from[n] == '\n')
+        to[n++] = '\n';
+    return n;
 }
 
-// A byte that does not continue the pending character is refused and leaves it pending.
-bool _psp_fputc(uint8_t byte, PSP_FILE_STREAM stream)
+// The same as utf16GetRun for bytes.
+inline char* utf8GetRun(PSP_FILE_STREAM stream, char* pos, const char* end)
 {
-    if (stream->bytesleft == 0)
-        return beginChar(stream, byte);
-    if ((byte & 0xC0) != 0x80)
-        return false;
-    stream->val = (stream->val << 6) | (byte & 0x3FU);
-    return --stream->bytesleft != 0 || putChar(stream);
+    const size_t len = std::min(fileCacheAhead(stream->fh), static_cast<size_t>(end - pos));
+    if (len == 0)
+        return pos;
+    const size_t n = copyRun(pos, fileCacheAt(stream->fh), len);
+    stream->fh->off += n;
+    return pos + n;
+}
+
+// What a line reader got: its end, and whether there is a NUL in it.
+struct LINE_END {
+    char* pos;
+    bool nul;
+};
+
+inline bool goesByRuns(PSP_FILE_STREAM stream)
+{
+    return stream->pboff == 0 &&
+           (stream->fmode == PSP_FILE_MODE_UTF8 || stream->fmode == PSP_FILE_MODE_UTF16);
+}
+
+// Reads on, up to and including the next newline, as far as there is room. What no run takes goes
+// by single characters: what was pushed back, what lies across the ends of the window, NULs, and
+// what looks like the end of the file.
+[[gnu::noinline]] LINE_END getRest(PSP_FILE_STREAM stream, char* pos, const char* end)
+{
+    bool nul = false;
+    for (bool newline = false; pos != end && !newline; newline = pos[-1] == '\n') {
+        if (goesByRuns(stream)) {
+            if (!fileCacheFill(stream->fh))
+                break;
+            const char* const before = pos;
+            pos = stream->fmode == PSP_FILE_MODE_UTF8 ? utf8GetRun(stream, pos, end)
+                                                      : utf16GetRun(stream, pos, end);
+            if (pos != before)
+                continue;
+        }
+        const int32_t c = readChar(stream);
+        if (c == END_OF_FILE)
+            break;
+        *pos++ = static_cast<char>(c);
+        nul |= pos[-1] == '\0';
+    }
+    return {pos, nul};
+}
+
+// The same for a whole line, which most often lies in the window.
+inline LINE_END getLine(PSP_FILE_STREAM stream, char* pos, const char* end)
+{
+    if (stream->pboff == 0 && stream->fmode == PSP_FILE_MODE_UTF8) {
+        char* const last = utf8GetRun(stream, pos, end);
+        if (last != pos && last[-1] == '\n')
+            return {last, false};
+        pos = last;
+    }
+    return getRest(stream, pos, end);
 }
 
 // ---- Lines of any length ----
@@ -276,11 +293,15 @@ bool GetLine(DYNAMIC_LINE* line, PSP_MEMTAG tag, bool* exhausted)
             return got; // such a stream gives zeros without end
         char* part = line->line + start;
         const uint32_t room = line->len - start;
-        if (psp_fgets(part, static_cast<int32_t>(room), line->fh) == nullptr)
+        if (static_cast<int32_t>(room) < 1)
             return got;
+        const LINE_END end = getLine(line->fh, part, part + room - 1);
+        if (end.pos == part && room != 1)
+            return got;
+        *end.pos = '\0';
         got = true;
         part[room - 1] = '\0';
-        if (strchr(part, '\n') != nullptr)
+        if (!end.nul && end.pos != part && end.pos[-1] == '\n')
             return true;
         void* grown = psp_memTryExtend(line->line, size_t{line->len} + LINE_STEP, tag,
                                        PSP_MEM_PLAIN, 0, nullptr);
@@ -371,18 +392,10 @@ char* psp_fgets(char* str, int32_t n, PSP_FILE_STREAM stream)
 {
     if (stream == nullptr || str == nullptr || n < 1)
         return nullptr;
-    int32_t len = 0;
-    while (len < n - 1) {
-        const int32_t c = readChar(stream);
-        if (c == END_OF_FILE && len == 0)
-            return nullptr;
-        if (c == END_OF_FILE)
-            break;
-        str[len++] = static_cast<char>(c);
-        if (str[len - 1] == '\n')
-            break;
-    }
-    str[len] = '\0';
+    char* const end = getLine(stream, str, str + n - 1).pos;
+    if (end == str && n != 1)
+        return nullptr;
+    *end = '\0';
     return str;
 }
 
@@ -414,7 +427,7 @@ int32_t psp_fputc(int32_t c, PSP_FILE_STREAM stream)
     if (stream == nullptr)
         return 0;
     if (stream->fmode != PSP_FILE_MODE_UTF16)
-        return fileCachePutByte(stream->fh, static_cast<char>(c));
+        return fileCachePut(stream->fh, static_cast<char>(c));
     return _psp_fputc(static_cast<uint8_t>(c), stream);
 }
 
@@ -422,9 +435,7 @@ bool psp_streamPut(PSP_FILE_STREAM stream, const char* bytes, size_t len)
 {
     if (stream->fmode != PSP_FILE_MODE_UTF16)
         return fileCacheWrite(stream->fh, bytes, len) == len;
-    return std::all_of(bytes, bytes + len, [stream](char byte) {
-        return _psp_fputc(static_cast<uint8_t>(byte), stream);
-    });
+    return utf16Put(stream, bytes, len);
 }
 
 int32_t psp_fputs(const char* str, PSP_FILE_STREAM stream)

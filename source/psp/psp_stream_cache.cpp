@@ -18,12 +18,6 @@ static_assert(offsetof(PSP_FILE_CACHE_CTX, buff) == 44);
 
 namespace {
 
-// Where the position lies in the window; beyond every valid index when it lies before it.
-inline PSP_FILE_OFFSET windowPos(const PSP_FILE_CACHE_CTX* cache)
-{
-    return cache->off - cache->buff_off;
-}
-
 PSP_FILE_CACHE_CTX* newCache()
 {
     return static_cast<PSP_FILE_CACHE_CTX*>(
@@ -91,15 +85,19 @@ void fileCacheClose(PSP_FILE_CACHE_CTX* cache)
     freeCache(cache);
 }
 
+bool fileCacheRefill(PSP_FILE_CACHE_CTX* cache)
+{
+    return reposition(cache) == 0 && cache->bytes != 0;
+}
+
 size_t fileCacheRead(PSP_FILE_CACHE_CTX* cache, void* dest, size_t len)
 {
     size_t done = 0;
     while (done < len) {
-        if (windowPos(cache) >= cache->bytes && (reposition(cache) != 0 || cache->bytes == 0))
+        if (!fileCacheFill(cache))
             break;
-        const PSP_FILE_OFFSET pos = windowPos(cache);
-        const size_t n = std::min<size_t>(len - done, cache->bytes - pos);
-        memcpy(static_cast<char*>(dest) + done, cache->buff + pos, n);
+        const size_t n = std::min(len - done, fileCacheAhead(cache));
+        memcpy(static_cast<char*>(dest) + done, fileCacheAt(cache), n);
         cache->off += n;
         done += n;
     }
@@ -110,14 +108,11 @@ size_t fileCacheWrite(PSP_FILE_CACHE_CTX* cache, const void* src, size_t len)
 {
     size_t done = 0;
     while (done < len) {
-        if (windowPos(cache) >= FILE_CACHE_SIZE && reposition(cache) != 0)
+        if (fileCacheRoom(cache) == 0 && reposition(cache) != 0)
             break;
-        const PSP_FILE_OFFSET pos = windowPos(cache);
-        const size_t n = std::min<size_t>(len - done, FILE_CACHE_SIZE - pos);
-        cache->modified = 1;
-        memcpy(cache->buff + pos, static_cast<const char*>(src) + done, n);
-        cache->off += n;
-        cache->size = std::max(cache->size, cache->off);
+        const size_t n = std::min(len - done, fileCacheRoom(cache));
+        memcpy(fileCacheAt(cache), static_cast<const char*>(src) + done, n);
+        fileCachePutDone(cache, n);
         done += n;
     }
     return done;
