@@ -11,47 +11,30 @@
 // here locks or jumps; the only memory that is taken is the large-block layer's.
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
+#include "psp_block_list.h"
 #include "psp_mem_data_int.h"
 #include "psp_track.h"
 #include "pspint.h"
 
 namespace {
 
-constexpr size_t SMALLEST = 16;
-constexpr size_t LARGEST_SMALL = 8192;
 constexpr size_t LARGE_UNIT = 32; // large blocks are multiples of this
 constexpr uint32_t FIRST_MULT = 2;
 constexpr uint32_t LAST_MULT = 128;
-
-static_assert(SMALLEST << (BLOCK_CLASSES - 1) == LARGEST_SMALL);
-
-BLOCK_HDR* header_of(const void* ptr)
-{
-    return static_cast<BLOCK_HDR*>(const_cast<void*>(ptr)) - 1;
-}
 
 BLOCK_CHUNK_HDR* chunk_of_large(BLOCK_HDR* block)
 {
     return reinterpret_cast<BLOCK_CHUNK_HDR*>(block) - 1;
 }
 
-// The class that serves a request of at most LARGEST_SMALL bytes.
-size_t class_index(size_t size)
-{
-    constexpr int smallest_width = std::bit_width(SMALLEST - 1);
-    const size_t served = size > SMALLEST ? size : SMALLEST;
-    return static_cast<size_t>(std::bit_width(served - 1) - smallest_width);
-}
-
-// The size of the block that serves a request: a class, or above LARGEST_SMALL a large block.
+// The size of the block that serves a request: a class, or above LARGEST_CLASS a large block.
 size_t find_block_size(size_t size)
 {
-    if (size > LARGEST_SMALL)
+    if (size > LARGEST_CLASS)
         return round_up(size, LARGE_UNIT);
-    return SMALLEST << class_index(size);
+    return class_size(order_of(size));
 }
 
 // ---- Chunks ----
@@ -86,16 +69,20 @@ void relink_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk)
 }
 
 // Cuts a chunk into `count` blocks. The last one becomes the head of the free list.
-void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk, size_t actual, size_t count)
+void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, BLOCK_CHUNK_HDR* chunk,
+                 size_t actual, size_t count)
 {
-    BLOCK_INFO& info = alctr->blocks[class_index(actual)];
+    const size_t step = sizeof(BLOCK_HDR) + actual;
     auto* place = reinterpret_cast<std::byte*>(chunk + 1);
-    for (size_t i = 0; i < count; ++i, place += sizeof(BLOCK_HDR) + actual) {
+    const std::byte* const end = place + count * step;
+    BLOCK_HDR* head = info.avail;
+    for (; place != end; place += step) {
         auto* const block = reinterpret_cast<BLOCK_HDR*>(place);
-        block->next = info.avail;
-        info.avail = block;
+        block->next = head;
+        head = block;
         psp_track_close(block + 1, actual);
     }
+    info.avail = head;
     mem_info_add(alctr->mem_info.free, count * actual);
 }
 
@@ -103,7 +90,7 @@ void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk, size_t ac
 
 // Refills an empty class. The multiplier grows before the chunk is asked for, also when there is
 // none. Kept out of line, like all that is seldom needed: the way past it stays short.
-[[gnu::noinline]] bool refill(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, size_t actual)
+bool refill(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, size_t actual)
 {
     const size_t count = info.mult;
     if (info.mult < LAST_MULT)
@@ -112,19 +99,8 @@ void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_CHUNK_HDR* chunk, size_t ac
     if (!chunk)
         return false;
     mem_info_add(alctr->mem_info.overhead, count * sizeof(BLOCK_HDR));
-    split_chunk(alctr, chunk, actual, count);
+    split_chunk(alctr, info, chunk, actual, count);
     return true;
-}
-
-// Writes the header of a block that is handed out, and counts it.
-void* hand_out(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_t size, size_t actual)
-{
-    block->size = {static_cast<uint32_t>(size), static_cast<uint32_t>(actual)};
-    mem_info_add(alctr->mem_info.used, size);
-    mem_info_sub(alctr->mem_info.free, actual);
-    mem_info_add(alctr->mem_info.overhead, actual - size);
-    psp_track_fresh(block + 1, actual);
-    return block + 1;
 }
 
 [[gnu::noinline]] void* alloc_large(BLOCK_ALLOCATOR_ENTRY* alctr, size_t size)
@@ -138,24 +114,17 @@ void* hand_out(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_t size, size
     return hand_out(alctr, reinterpret_cast<BLOCK_HDR*>(chunk + 1), size, actual);
 }
 
-// The first block of a class that has one.
-void* pop_block(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, size_t size, size_t actual)
-{
-    BLOCK_HDR* const block = info.avail;
-    info.avail = block->next;
-    return hand_out(alctr, block, size, actual);
-}
-
 [[gnu::noinline]] void* alloc_refilled(BLOCK_ALLOCATOR_ENTRY* alctr, size_t size)
 {
-    const size_t actual = find_block_size(size);
-    BLOCK_INFO& info = alctr->blocks[class_index(size)];
-    return refill(alctr, info, actual) ? pop_block(alctr, info, size, actual) : nullptr;
+    BLOCK_INFO& info = class_of(alctr, order_of(size));
+    return refill(alctr, info, find_block_size(size)) ? pop_block(alctr, size) : nullptr;
 }
 
 // The headers of a large block stay counted as overhead until the tag is emptied.
 [[gnu::noinline]] void give_large(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block)
 {
+    mem_info_sub(alctr->mem_info.used, block->size.requested);
+    mem_info_sub(alctr->mem_info.overhead, block->size.actual - block->size.requested);
     BLOCK_CHUNK_HDR* const chunk = chunk_of_large(block);
     unlink_chunk(alctr, chunk);
     psp_freeLargeBlock(chunk, nullptr);
@@ -234,40 +203,29 @@ void block_allocator_destroy(void* alctr)
 void* block_allocator_alloc(size_t size, void* alctr)
 {
     auto* const entry = static_cast<BLOCK_ALLOCATOR_ENTRY*>(alctr);
-    if (size > LARGEST_SMALL) [[unlikely]]
+    if (size > LARGEST_CLASS) [[unlikely]]
         return alloc_large(entry, size);
-    const size_t index = class_index(size);
-    BLOCK_INFO& info = entry->blocks[index];
-    if (!info.avail) [[unlikely]]
-        return alloc_refilled(entry, size);
-    return pop_block(entry, info, size, SMALLEST << index);
+    void* const block = pop_block(entry, size);
+    return block ? block : alloc_refilled(entry, size);
 }
 
 void block_allocator_free(const void* ptr, void* alctr)
 {
     auto* const entry = static_cast<BLOCK_ALLOCATOR_ENTRY*>(alctr);
-    BLOCK_HDR* const block = header_of(ptr);
-    const BLOCK_SIZE size = block->size;
-    mem_info_sub(entry->mem_info.used, size.requested);
-    mem_info_sub(entry->mem_info.overhead, size.actual - size.requested);
-    if (size.actual > LARGEST_SMALL) [[unlikely]] {
+    BLOCK_HDR* const block = block_header(ptr);
+    if (block->size.actual > LARGEST_CLASS) [[unlikely]]
         give_large(entry, block);
-        return;
-    }
-    mem_info_add(entry->mem_info.free, size.actual);
-    BLOCK_INFO& info = entry->blocks[class_index(size.actual)];
-    block->next = info.avail;
-    info.avail = block;
-    psp_track_close(ptr, size.actual);
+    else
+        push_block(entry, block);
 }
 
 void* block_allocator_realloc(const void* ptr, size_t newsize, void* alctr, int32_t preserve)
 {
     auto* const entry = static_cast<BLOCK_ALLOCATOR_ENTRY*>(alctr);
-    BLOCK_HDR* const block = header_of(ptr);
+    BLOCK_HDR* const block = block_header(ptr);
     const BLOCK_SIZE before = block->size;
     const size_t actual = find_block_size(newsize);
-    if (actual > LARGEST_SMALL && before.actual > LARGEST_SMALL)
+    if (actual > LARGEST_CLASS && before.actual > LARGEST_CLASS)
         return realloc_large_block(entry, block, newsize);
     if (actual != before.actual)
         return move_block(entry, block, newsize, preserve);
@@ -293,7 +251,7 @@ void block_allocator_free_all(void* alctr)
 
 void block_allocator_get_size(size_t* size, const void* ptr)
 {
-    *size = header_of(ptr)->size.actual;
+    *size = block_header(ptr)->size.actual;
 }
 
 void block_allocator_mem_info(const void* alctr, PSP_TAG_MEM_INFO* mem_info)

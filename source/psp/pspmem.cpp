@@ -14,6 +14,7 @@
 #include <iterator>
 
 #include "psp/core.h"
+#include "psp_block_list.h"
 #include "psp_mem_data_int.h"
 #include "psp_sync_int.h"
 #include "pspint.h"
@@ -57,19 +58,29 @@ bool started()
 // The value is set on every use, and a tag that it cannot be set to loses its memory. A new tag
 // goes altogether; one that the thread has already only becomes empty, because the thread's value,
 // which could not be changed, still leads to it.
-PSP_MEMTAG thread_tag()
+bool is_threads(PSP_MEMTAG tag, ZYN_BOOL_T is_new)
+{
+    if (pthread_setspecific(tagTLSkey, tag) == 0) [[likely]]
+        return true;
+    psp_freeTagMem(tag, is_new, __FILE__, __LINE__);
+    return false;
+}
+
+[[gnu::noinline]] PSP_MEMTAG new_thread_tag()
+{
+    const PSP_MEMTAG tag =
+        psp_createTagEx(nullptr, 0, BLOCK_ALLOCATOR, nullptr, nullptr, __FILE__, __LINE__);
+    return tag && is_threads(tag, ZYN_TRUE) ? tag : nullptr;
+}
+
+[[gnu::always_inline]] inline PSP_MEMTAG thread_tag()
 {
     if (!started())
         return nullptr;
-    auto* tag = static_cast<PSP_MEMTAG>(pthread_getspecific(tagTLSkey));
-    const bool is_new = !tag;
-    if (is_new)
-        tag = psp_createTagEx(nullptr, 0, BLOCK_ALLOCATOR, nullptr, nullptr, __FILE__, __LINE__);
-    if (tag && pthread_setspecific(tagTLSkey, tag) != 0) {
-        psp_freeTagMem(tag, is_new ? ZYN_TRUE : ZYN_FALSE, __FILE__, __LINE__);
-        return nullptr;
-    }
-    return tag;
+    auto* const tag = static_cast<PSP_MEMTAG>(pthread_getspecific(tagTLSkey));
+    if (!tag) [[unlikely]]
+        return new_thread_tag();
+    return is_threads(tag, ZYN_FALSE) ? tag : nullptr;
 }
 
 // Whether a tag needs no resolution and is there: one comparison, since the special values lie
@@ -136,22 +147,7 @@ void free_memory(PSP_MEMTAG tag, const void* ptr)
     mem_exit(sem);
 }
 
-[[gnu::noinline]] void resolve_and_free(PSP_MEMTAG tt, const void* ptr)
-{
-    const PSP_MEMTAG tag = getCorrectTag(tt);
-    if (tag)
-        free_memory(tag, ptr);
-}
-
-// Whether a request passes every check, under a tag that neither locks nor jumps, and leaves
-// nothing to fill.
-bool is_plain_request(size_t size, PSP_MEMTAG tag, int32_t mode)
-{
-    return mode == PSP_MEM_PLAIN && size - 1 < UINT32_MAX && relaxed_load(psp_inited) != 0 &&
-           is_real(tag) && tag->t_sem == PSP_SEM_INVALID && !relaxed_load(tag->t_jmpbuf);
-}
-
-[[gnu::noinline]] Allocated get_memory(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data)
+Allocated get_memory(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data)
 {
     if (!validateGetMem(size, mode, data))
         return REFUSED;
@@ -211,6 +207,61 @@ void* or_jump(Allocated result)
     if (!result.ptr && result.failed) [[unlikely]]
         jump_from(result.failed);
     return result.ptr;
+}
+
+// ---- The usual requests: blocks of tags without a mutex ----
+
+bool is_unlocked(PSP_MEMTAG tag)
+{
+    if (!is_real(tag)) [[unlikely]]
+        return false;
+    return tag->t_sem == PSP_SEM_INVALID;
+}
+
+// Most requests need nothing but the allocator. The call of it is then the last thing to do, and
+// costs no frame.
+[[gnu::noinline]] void* get_from_allocator(size_t size, PSP_MEMTAG tag)
+{
+    if (size - 1 >= UINT32_MAX || relaxed_load(tag->t_jmpbuf)) [[unlikely]]
+        return or_jump(get_memory(size, tag, PSP_MEM_PLAIN, nullptr));
+    return tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+}
+
+// Most find a free block in a block tag. Inline wherever it is used: they need no call at all.
+[[gnu::always_inline]] inline void* get_plain(size_t size, PSP_MEMTAG tag)
+{
+    if (!is_block_tag(tag) || size - 1 >= LARGEST_CLASS) [[unlikely]]
+        return get_from_allocator(size, tag);
+    void* const block = pop_block(blocks_of(tag), size);
+    return block ? block : get_from_allocator(size, tag);
+}
+
+[[gnu::always_inline]] inline void free_plain(const void* ptr, PSP_MEMTAG tag)
+{
+    if (!is_block_tag(tag) || !is_small(block_header(ptr))) [[unlikely]]
+        return tag->t_fcns.free_fcn(ptr, tag->t_allocator);
+    push_block(blocks_of(tag), block_header(ptr));
+}
+
+// A thread's own tag never has a mutex.
+[[gnu::noinline]] void* get_elsewhere(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data)
+{
+    if (tt == PSP_THREAD_TAG && mode == PSP_MEM_PLAIN && size - 1 < LARGEST_CLASS) {
+        const PSP_MEMTAG tag = thread_tag();
+        return tag ? get_plain(size, tag) : nullptr;
+    }
+    return or_jump(get_memory(size, tt, mode, data));
+}
+
+[[gnu::noinline]] void free_elsewhere(const void* ptr, PSP_MEMTAG tt)
+{
+    const PSP_MEMTAG tag = getCorrectTag(tt);
+    if (!tag)
+        return;
+    if (tt == PSP_THREAD_TAG)
+        free_plain(ptr, tag);
+    else
+        free_memory(tag, ptr);
 }
 
 // `res` is the address of a pointer of any type.
@@ -426,13 +477,15 @@ PSP_MEMTAG psp_createTagEx(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE type,
     return tag;
 }
 
-// The first line is the usual request, which needs nothing but the allocator: the call is then the
-// last thing to do, and costs no frame.
-void* psp_getMem(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data, const char*, int32_t)
+// One condition after the other, each of them unlikely: the usual request then runs straight down.
+[[gnu::aligned(64)]] void* psp_getMem(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data,
+                                      const char*, int32_t)
 {
-    if (is_plain_request(size, tt, mode)) [[likely]]
-        return tt->t_fcns.alloc_fcn(size, tt->t_allocator);
-    return or_jump(get_memory(size, tt, mode, data));
+    if (mode != PSP_MEM_PLAIN || relaxed_load(psp_inited) == 0) [[unlikely]]
+        return get_elsewhere(size, tt, mode, data);
+    if (!is_unlocked(tt)) [[unlikely]]
+        return get_elsewhere(size, tt, mode, data);
+    return get_plain(size, tt);
 }
 
 ZYN_RETCODE psp_getMem_rc(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data, void* res,
@@ -477,14 +530,13 @@ void* psp_moveMem(const void* ptr, size_t size, PSP_MEMTAG ttDest, PSP_MEMTAG tt
     return moved;
 }
 
-void psp_freeMem(const void* ptr, PSP_MEMTAG tt, const char*, int32_t)
+[[gnu::aligned(64)]] void psp_freeMem(const void* ptr, PSP_MEMTAG tt, const char*, int32_t)
 {
     if (relaxed_load(psp_inited) == 0 || !ptr)
         return;
-    if (is_real(tt) && tt->t_sem == PSP_SEM_INVALID) [[likely]]
-        tt->t_fcns.free_fcn(ptr, tt->t_allocator);
-    else
-        resolve_and_free(tt, ptr);
+    if (!is_unlocked(tt)) [[unlikely]]
+        return free_elsewhere(ptr, tt);
+    free_plain(ptr, tt);
 }
 
 void psp_freeTagMem(PSP_MEMTAG tt, ZYN_BOOL_T freetag, const char*, int32_t)

@@ -165,21 +165,24 @@ ZYN_RETCODE psp_poolCreateEx(PSP_MEMTAG tag, PSP_POOL_SIZE_INFO size_info, const
 void* psp_poolGetMem(PSP_POOL hPool, size_t sz, int32_t mode, const void* data, const char*,
                      int32_t)
 {
-    if (!hPool || relaxed_load(psp_inited) == 0)
+    if (!hPool || relaxed_load(psp_inited) == 0) [[unlikely]]
         return nullptr;
-    if (hPool->sem == PSP_SEM_INVALID && head_serves(hPool, sz)) [[likely]]
-        return fill(pop_idle(hPool), sz, mode, data);
-    return get_object(hPool, sz, mode, data);
+    if (hPool->sem != PSP_SEM_INVALID) [[unlikely]]
+        return get_object(hPool, sz, mode, data);
+    if (!head_serves(hPool, sz)) [[unlikely]]
+        return get_object(hPool, sz, mode, data);
+    return fill(pop_idle(hPool), sz, mode, data);
 }
 
 void psp_poolPut(PSP_POOL hPool, const void* ptr)
 {
-    if (!hPool || !ptr || relaxed_load(psp_inited) == 0)
+    if (!hPool || !ptr || relaxed_load(psp_inited) == 0) [[unlikely]]
         return;
-    if (hPool->sem == PSP_SEM_INVALID && has_room(hPool)) [[likely]]
-        push_idle(hPool, header_of(ptr));
-    else
-        put_object(hPool, header_of(ptr));
+    if (hPool->sem != PSP_SEM_INVALID) [[unlikely]]
+        return put_object(hPool, header_of(ptr));
+    if (!has_room(hPool)) [[unlikely]]
+        return put_object(hPool, header_of(ptr));
+    push_idle(hPool, header_of(ptr));
 }
 
 // A tag of the pool's own goes in one piece: no destructor is called.
