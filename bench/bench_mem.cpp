@@ -48,6 +48,15 @@ void free_block(PSP_MEMTAG tag, void* block)
     psp_freeMem(block, tag, __FILE__, __LINE__);
 }
 
+// The first bytes are written, as somebody who asked for memory does.
+void use(void* block)
+{
+    if (!block)
+        std::abort();
+    *static_cast<size_t*>(block) = 0;
+    benchmark::DoNotOptimize(block);
+}
+
 // Makes the heap keep what is freed, as it does anyway in a process with other memory in use above.
 // Otherwise it hands its empty end to the system, and the system's time for pages is all that would
 // be seen.
@@ -219,8 +228,7 @@ class Chance {
     uint64_t state_ = 1;
 };
 
-// Blocks of random sizes. The first bytes of each are written, as somebody who asked for memory
-// does.
+// Live blocks of random sizes.
 template <class Get, class Put>
 class Crowd {
   public:
@@ -249,7 +257,7 @@ class Crowd {
     void* some()
     {
         void* const block = get_(16 + chance_.below(1009));
-        *static_cast<size_t*>(block) = 0;
+        use(block);
         return block;
     }
 
@@ -292,18 +300,11 @@ const Registered random_rows[] = {
 constexpr size_t FEW = 1000;
 constexpr size_t LOTS = 100'000;
 
-void check(void* block)
-{
-    if (!block)
-        std::abort();
-    benchmark::DoNotOptimize(block);
-}
-
 void tag_arena(PSP_ALLOCATOR_TYPE type, size_t count)
 {
     const PSP_MEMTAG tag = new_tag(type);
     for (size_t i = 0; i < count; ++i)
-        check(get_block(tag, BLOCK));
+        use(get_block(tag, BLOCK));
     psp_freeTagMem(tag, ZYN_TRUE, __FILE__, __LINE__);
 }
 
@@ -316,7 +317,7 @@ void mimalloc_arena(size_t count)
         bench::function_of<void*(void*, size_t)>(PSP_HEAP_MIMALLOC, "mi_heap_malloc");
     void* const heap = make();
     for (size_t i = 0; i < count; ++i)
-        check(get(heap, BLOCK));
+        use(get(heap, BLOCK));
     end(heap);
 }
 #endif
@@ -327,7 +328,7 @@ void apr_arena(size_t count)
     apr_pool_t* pool = nullptr;
     apr_pool_create(&pool, nullptr);
     for (size_t i = 0; i < count; ++i)
-        check(apr_palloc(pool, BLOCK));
+        use(apr_palloc(pool, BLOCK));
     apr_pool_destroy(pool);
 }
 #endif
@@ -337,7 +338,7 @@ void talloc_arena(size_t count)
 {
     void* const context = talloc_new(nullptr);
     for (size_t i = 0; i < count; ++i)
-        check(talloc_size(context, BLOCK));
+        use(talloc_size(context, BLOCK));
     talloc_free(context);
 }
 #endif
@@ -442,7 +443,7 @@ bench::Work growth(size_t blocks, Resize resize, Put put)
             std::array<void*, 2> grown{};
             for (size_t size = 16; size <= 65536; size *= 2) {
                 for (size_t k = 0; k < blocks; ++k)
-                    check(grown[k] = resize(grown[k], size));
+                    use(grown[k] = resize(grown[k], size));
             }
             for (size_t k = 0; k < blocks; ++k)
                 put(grown[k]);

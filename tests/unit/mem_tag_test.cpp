@@ -1,4 +1,5 @@
 // The records behind the memory tags: what a new tag holds, and the list of all tags.
+#include "support/block_model.h"
 #include "support/mem_test.h"
 
 #include "psp/thread.h"
@@ -184,6 +185,52 @@ TEST_F(TagRecord, OfTheThreadIsMadeByFreeing)
     std::thread([] { release(nullptr, PSP_THREAD_TAG); }).join();
     EXPECT_EQ(listed_tags().size(), before + 1) << "NULL is looked at before the tag";
     release(block, PSP_GLOBAL_TAG);
+}
+
+TEST_F(TagRecord, OfTheThreadIsNotMadeForWhatIsRefused)
+{
+    const std::vector<PSP_MEMTAG> before = listed_tags();
+    std::thread([] {
+        for (const std::size_t size : {std::size_t{0}, SIZE_MAX - 1, SIZE_MAX}) {
+            EXPECT_EQ(get(size, PSP_THREAD_TAG), nullptr);
+            EXPECT_EQ(pthread_getspecific(tagTLSkey), nullptr) << size;
+        }
+    }).join();
+    EXPECT_EQ(listed_tags(), before);
+}
+
+// A block of a size has the size of its class, and is the next one of the class when it is freed.
+void expect_class(PSP_MEMTAG tag, std::size_t size)
+{
+    void* block = get(size, tag);
+    ASSERT_NE(block, nullptr) << size;
+    const BLOCK_SIZE header = (static_cast<const BLOCK_HDR*>(block) - 1)->size;
+    EXPECT_EQ(header.requested, size);
+    EXPECT_EQ(header.actual, BlockModel::class_size(size)) << size;
+    EXPECT_EQ(info_of(tag).used.current, size);
+    release(block, tag);
+    EXPECT_EQ(info_of(tag).used.current, 0u) << size;
+    if (size > 8192)
+        return;
+    void* again = get(header.actual, tag);
+    EXPECT_EQ(again, block) << size;
+    release(again, tag);
+}
+
+TEST_F(TagRecord, OfEveryBlockTagServesEachSizeFromItsClass)
+{
+    jmp_buf buffer;
+    PSP_MEMTAG tags[] = {make_tag(), make_tag(BLOCK_ALLOCATOR, 0, &buffer),
+                         make_tag(BLOCK_ALLOCATOR, 1), PSP_THREAD_TAG};
+    std::thread([&tags] {
+        for (PSP_MEMTAG tag : tags) {
+            for (std::size_t size = 1; size <= 8300; size++)
+                expect_class(tag, size);
+        }
+    }).join();
+    for (PSP_MEMTAG tag : tags)
+        if (tag != PSP_THREAD_TAG)
+            destroy_tag(tag);
 }
 
 TEST_F(TagRecord, OfEveryKindIsGoneAfterStop)
