@@ -167,6 +167,16 @@ void* move_block(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_HDR* block, size_t newsize,
     return moved;
 }
 
+// Chunks that were taken one after the other mostly stand at equal distances. Those a few further
+// on are fetched while this one is given back, for the list alone would tell of one at a time.
+void fetch_ahead(const BLOCK_CHUNK_HDR* chunk)
+{
+    constexpr uintptr_t ahead = 8;
+    const auto here = reinterpret_cast<uintptr_t>(chunk);
+    const uintptr_t distance = reinterpret_cast<uintptr_t>(chunk->next) - here;
+    __builtin_prefetch(reinterpret_cast<const void*>(here + ahead * distance));
+}
+
 void empty_classes(BLOCK_ALLOCATOR_ENTRY* alctr)
 {
     for (BLOCK_INFO& info : alctr->blocks)
@@ -239,8 +249,10 @@ void block_allocator_free_all(void* alctr)
     auto* const entry = static_cast<BLOCK_ALLOCATOR_ENTRY*>(alctr);
     free_large_blocks([entry] {
         BLOCK_CHUNK_HDR* const chunk = entry->chunks;
-        if (chunk)
+        if (chunk) {
             entry->chunks = chunk->next;
+            fetch_ahead(chunk);
+        }
         return chunk;
     });
     empty_classes(entry);
