@@ -1,10 +1,10 @@
 // The block allocator: ten power-of-two size classes, each with a free list of its own.
 //
 // A request up to 8192 bytes pops the head of its class's list, a free pushes it back: both take a
-// handful of instructions whatever the tag holds. An empty list is refilled with a chunk of 2, 4,
-// 8, ... up to 128 blocks, so that small tags stay small and large ones seldom ask. Greater
-// requests get a chunk of their own. Emptying the tag gives whole chunks back and looks at no
-// block.
+// handful of instructions whatever the tag holds, and stand in psp_block_list.h. An empty list is
+// refilled with a chunk of 2, 4, 8, ... up to 128 blocks, so that small tags stay small and large
+// ones seldom ask. Greater requests get a chunk of their own. Emptying the tag gives whole chunks
+// back and looks at no block.
 //
 // In front of every block stand 8 bytes: its two sizes while it is in use, the link of the free
 // list while it is not. Small blocks never change their class and never leave their chunk. Nothing
