@@ -192,6 +192,26 @@ TEST_F(MemFault, ThreadTagThatCannotBeRememberedAgainLosesItsMemory)
     }).join();
 }
 
+TEST_F(MemFault, OnlyATagWithAMutexIsLockedForABlock)
+{
+    PSP_MEMTAG shared = make_tag(BLOCK_ALLOCATOR, 1);
+    PSP_MEMTAG own = make_tag();
+    for (PSP_MEMTAG tag : {shared, PSP_GLOBAL_TAG, own, PSP_THREAD_TAG}) {
+        const int once = tag == shared || tag == PSP_GLOBAL_TAG ? 1 : 0;
+        release(get(10, tag), tag); // from here on the class has free blocks
+        Fault lock("pthread_mutex_lock");
+        Fault unlock("pthread_mutex_unlock");
+        void* block = get(10, tag);
+        EXPECT_EQ(lock.calls(), once);
+        EXPECT_EQ(unlock.calls(), once);
+        release(block, tag);
+        EXPECT_EQ(lock.calls(), 2 * once);
+        EXPECT_EQ(unlock.calls(), 2 * once);
+    }
+    destroy_tag(shared);
+    destroy_tag(own);
+}
+
 // ---- The legacy allocator and the heap ----
 
 TEST_F(MemFault, LegacyBlockWithoutMemoryLeavesTheList)
