@@ -365,8 +365,23 @@ void tag_row(Row& row, PSP_ALLOCATOR_TYPE type, size_t count, double goal)
     row.peer("apr", repeated(count, apr_arena));
 #endif
     row.best_peer(goal);
-    if (type == STACK_ALLOCATOR && count != FEW)
-        row.growth_from("mem/1 k blocks, then their stack tag", 1.5);
+    row.divide_by(static_cast<double>(count));
+    row.run();
+}
+
+// Blocks that nobody touches: what the caches hold does not count, the number of chunks alone does.
+void untouched(Row& row, size_t count)
+{
+    const bench::Server server;
+    keep_heap();
+    row.psp(repeated(count, [](size_t blocks) {
+        const PSP_MEMTAG tag = new_tag(STACK_ALLOCATOR);
+        for (size_t i = 0; i < blocks; ++i)
+            benchmark::DoNotOptimize(get_block(tag, BLOCK));
+        psp_freeTagMem(tag, ZYN_TRUE, __FILE__, __LINE__);
+    }));
+    if (count != FEW)
+        row.growth_from("mem/stack tag, 1 k untouched blocks", 1.5);
     row.divide_by(static_cast<double>(count));
     row.run();
 }
@@ -426,6 +441,9 @@ const Registered arena_rows[] = {
     arena_row("stack", STACK_ALLOCATOR, LOTS, 1.5),
     arena_row("list", LIST_ALLOCATOR, FEW, NO_GOAL),
     arena_row("list", LIST_ALLOCATOR, LOTS, NO_GOAL),
+    {"mem", "stack tag, 1 k untouched blocks", "ns/block", [](Row& row) { untouched(row, FEW); }},
+    {"mem", "stack tag, 100 k untouched blocks", "ns/block",
+     [](Row& row) { untouched(row, LOTS); }},
     {"mem", "a tag, ten blocks, their tag", "ns/tag", small_tag},
     {"mem", "1 M blocks by their tag, in order", "ns/block", [](Row& row) { by_tag(row, true); }},
     {"mem", "1 M blocks by their tag, shuffled", "ns/block", [](Row& row) { by_tag(row, false); }},
