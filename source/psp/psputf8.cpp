@@ -2,17 +2,17 @@
 //
 // The decoder takes one byte at a time and keeps the code point under construction; it is written
 // once, over a source of bytes and a sink of code points. Sources and sinks in memory are compiled
-// into it and pass runs of ASCII whole; the general form calls back for every byte and every code
-// point. Linear in the input. A byte is never looked at twice, and none behind the input's end.
+// into it and pass runs of sound text whole, at the speed of psp_utf8_scan.h; the decoder itself
+// has what is damaged. The general form calls back for every byte and every code point. Linear in
+// the input; no byte behind the input's end is looked at.
 //
 // Well-formedness is judged when a sequence is complete: C0, C1 and F5 to F7 start sequences like
 // any other lead byte, and what they come to is then overlong or out of range.
 #include "psp_internal.h"
+#include "psp_utf8_scan.h"
 
 #include "psp/mem.h"
 #include "psp/utf8.h"
-
-#include <span>
 
 // ---- One code point ----
 
@@ -85,6 +85,10 @@ PSP_STATUS checkByte(uint32_t val, uint32_t used)
     return PSP_STATUS_VALID;
 }
 
+struct SOUND_TEXT : UTF8_RUN {
+    const char* text;
+};
+
 // A sink returns sOKAY to go on; sNEEDDATA says the same, anything else ends the work.
 template <class Sink>
 struct DECODER {
@@ -152,14 +156,13 @@ struct DECODER {
         return errorBehavior == PSP_UTF8_ERROR_BREAK ? eINVUNICODE : sink.emit('?');
     }
 
-    // Takes the next byte; in front of it, where nothing is pending, a whole run of ASCII.
+    // Takes the next byte; in front of it, where nothing is pending, a whole run of sound text.
     template <class Source>
     ZYN_RETCODE processNextByte(Source& source, bool& ended)
     {
-        if constexpr (requires { source.ascii_run(); }) {
+        if constexpr (requires { source.sound_run(UTF8_RUN{}); }) {
             if (used == 0) {
-                const std::span<const char> run = source.ascii_run();
-                const ZYN_RETCODE rc = sink.emitstr(run.data(), run.size());
+                const ZYN_RETCODE rc = sink.emitrun(source.sound_run(sink.limit()));
                 if (rc != sOKAY)
                     return rc;
             }
@@ -185,8 +188,65 @@ ZYN_RETCODE decode(Source source, Sink sink, PSP_UTF8_ERROR_BEHAVIOR errorBehavi
     return rc == sNOTFOUND ? sOKAY : rc;
 }
 
-// ---- Sources: next() gives a byte or the reason why there is none, ascii_run() takes what bytes
-// below 80 stand next (and leaves NUL to next() where it is no character). ----
+// ---- Sources: next() gives a byte or the reason why there is none, sound_run() takes what sound
+// text stands next, within a limit (and leaves NUL to next() where it is no character). ----
+
+// Sound text is looked at twice, to check it and to use it: in pieces, so that it is near then.
+constexpr size_t MOST_AT_ONCE = 8192;
+
+// Where there is less to take, the quickest scan takes longer than the plain one.
+constexpr size_t FEW = 32;
+
+// Takes sound text from a place on.
+struct SOUND_START {
+    size_t careful = 0; // up to here damage is likely, which the quickest scan is slowest to find
+
+    SOUND_TEXT take(const char* input, size_t& pos, size_t end, UTF8_RUN limit)
+    {
+        limit.size = std::min(limit.size, end - pos);
+        const char* const text = input + pos;
+        const bool much = limit.size >= FEW && pos >= careful;
+        const UTF8_RUN run = much ? take_much(text, pos, limit) : take_few(text, limit);
+        pos += run.size;
+        return {run, text};
+    }
+
+  private:
+    [[gnu::noinline]] UTF8_RUN take_much(const char* text, size_t pos, UTF8_RUN limit)
+    {
+        limit.size = std::min(limit.size, MOST_AT_ONCE);
+        const UTF8_RUN run = psp_utf8_variant()->scan(text, limit);
+        if (run.size < limit.size)
+            careful = pos + run.size + 2 * FEW;
+        return run;
+    }
+
+    // Short texts are ASCII most of the time: no call is made for those.
+    static UTF8_RUN take_few(const char* text, UTF8_RUN limit)
+    {
+        const size_t most = std::min(limit.size, limit.chars);
+        size_t n = 0;
+        for (uint64_t word; most - n >= sizeof word; n += sizeof word) {
+            memcpy(&word, text + n, sizeof word);
+            if (word & 0x8080808080808080)
+                break;
+        }
+        while (n < most && static_cast<unsigned char>(text[n]) < 0x80)
+            ++n;
+        if (n == most || !starts(text + n, limit.size - n))
+            return {n, n};
+        const UTF8_RUN rest =
+            psp_utf8_plain.scan(text + n, {std::min(limit.size - n, FEW), limit.chars - n});
+        return {n + rest.size, n + rest.chars};
+    }
+
+    // Whether a sound character other than ASCII may stand there.
+    static bool starts(const char* text, size_t size)
+    {
+        const auto lead = static_cast<unsigned char>(text[0]);
+        return lead >= 0xC2 && lead < 0xF5 && size > 1 && (text[1] & 0xC0) == 0x80;
+    }
+};
 
 struct CALLBACK_SOURCE {
     ZYN_INPUT_FCN infcn;
@@ -200,44 +260,38 @@ struct CALLBACK_SOURCE {
 
 struct BUFFER_SOURCE {
     BUFFER_INPUT_CTX ctx;
+    SOUND_START start{};
 
     ZYN_RETCODE next(uint32_t& byte)
     {
         return bufferInputFcn(&ctx, &byte);
     }
 
-    std::span<const char> ascii_run()
+    SOUND_TEXT sound_run(UTF8_RUN limit)
     {
-        const size_t start = ctx.pos;
-        for (uint64_t word; ctx.size - ctx.pos >= sizeof word; ctx.pos += sizeof word) {
-            memcpy(&word, ctx.input + ctx.pos, sizeof word);
-            if (word & 0x8080808080808080)
-                break;
-        }
-        while (ctx.pos < ctx.size && static_cast<unsigned char>(ctx.input[ctx.pos]) < 0x80)
-            ++ctx.pos;
-        return {ctx.input + start, ctx.pos - start};
+        return start.take(ctx.input, ctx.pos, ctx.size, limit);
     }
 };
 
 struct STRING_SOURCE {
     STRING_INPUT_CTX ctx;
+    size_t known = 0; // no NUL stands in front of this place
+    SOUND_START start{};
 
     ZYN_RETCODE next(uint32_t& byte)
     {
         return stringInputFcn(&ctx, &byte);
     }
 
-    std::span<const char> ascii_run()
+    SOUND_TEXT sound_run(UTF8_RUN limit)
     {
-        const size_t start = ctx.pos;
-        while (static_cast<signed char>(ctx.input[ctx.pos]) > 0)
-            ++ctx.pos;
-        return {ctx.input + start, ctx.pos - start};
+        if (ctx.pos >= known && ctx.input[ctx.pos] != '\0')
+            known = ctx.pos + strnlen(ctx.input + ctx.pos, MOST_AT_ONCE);
+        return start.take(ctx.input, ctx.pos, std::max(known, ctx.pos), limit);
     }
 };
 
-// ---- Sinks: emit() takes a code point, emitstr() ASCII characters. ----
+// ---- Sinks: emit() takes a code point, emitrun() sound text that is within limit(). ----
 
 struct CALLBACK_OUTPUT {
     ZYN_OUTPUT_FCN outfcn;
@@ -249,20 +303,32 @@ struct CALLBACK_OUTPUT {
     }
 };
 
-// A destination with its two output functions.
+template <class Ctx>
+UTF8_RUN unlimited(const Ctx&)
+{
+    return {SIZE_MAX, SIZE_MAX};
+}
+
+// A destination with its two output functions and the most that it takes at once.
 template <class Ctx, ZYN_RETCODE (*Emit)(Ctx&, uint32_t),
-          ZYN_RETCODE (*EmitRun)(Ctx&, const char*, size_t)>
+          ZYN_RETCODE (*EmitRun)(Ctx&, const SOUND_TEXT&),
+          UTF8_RUN (*Limit)(const Ctx&) = unlimited<Ctx>>
 struct OUTPUT {
     Ctx& ctx;
+
+    UTF8_RUN limit()
+    {
+        return Limit(ctx);
+    }
 
     ZYN_RETCODE emit(uint32_t ch)
     {
         return Emit(ctx, ch);
     }
 
-    ZYN_RETCODE emitstr(const char* chars, size_t n)
+    ZYN_RETCODE emitrun(const SOUND_TEXT& run)
     {
-        return EmitRun(ctx, chars, n);
+        return EmitRun(ctx, run);
     }
 };
 
@@ -307,11 +373,11 @@ ZYN_RETCODE psp_processInput(ZYN_INPUT_FCN infcn, ZYN_INPUT_CTX inctx, ZYN_OUTPU
 
 // ---- Copying and counting ----
 
-// Moves `n` bytes to the destination, which has room for them.
+// Moves `n` bytes to the destination, which has room for them. It may be the text itself.
 static void copy_bytes(PSP_UTF8_COPY_INFO& info, const void* bytes, size_t n)
 {
     if (info.dest != nullptr && n != 0) {
-        memcpy(info.dest, bytes, n);
+        memmove(info.dest, bytes, n);
         info.dest += n;
     }
     info.size -= n;
@@ -330,22 +396,25 @@ static ZYN_RETCODE copy_utf8_chars(PSP_UTF8_COPY_INFO& info, uint32_t ch)
     return sOKAY;
 }
 
-static ZYN_RETCODE copy_ascii(PSP_UTF8_COPY_INFO& info, const char* chars, size_t n)
+static ZYN_RETCODE copy_run(PSP_UTF8_COPY_INFO& info, const SOUND_TEXT& run)
 {
     if (!info.done) {
-        const size_t fitting = std::min(n, info.size);
-        copy_bytes(info, chars, fitting);
-        info.num_chars += fitting;
-        info.done = fitting < n;
+        copy_bytes(info, run.text, run.size);
+        info.num_chars += run.chars;
     }
     return sOKAY;
+}
+
+static UTF8_RUN copy_limit(const PSP_UTF8_COPY_INFO& info)
+{
+    return {info.done ? SIZE_MAX : info.size, SIZE_MAX};
 }
 
 size_t psp_copyUTF8Chars(char* dst, size_t dst_size, const char* src, size_t src_size,
                          size_t* chars_copied, PSP_UTF8_ERROR_BEHAVIOR errorBehavior)
 {
     PSP_UTF8_COPY_INFO info{dst, dst_size, 0, ZYN_FALSE};
-    OUTPUT<PSP_UTF8_COPY_INFO, copy_utf8_chars, copy_ascii> output{info};
+    OUTPUT<PSP_UTF8_COPY_INFO, copy_utf8_chars, copy_run, copy_limit> output{info};
     if (psp_processBuff(src, src_size, output, errorBehavior) != sOKAY)
         return PSP_UTF8_FAILED;
     if (chars_copied != nullptr)
@@ -359,19 +428,23 @@ static ZYN_RETCODE countBytesInChars(PSP_UTF8_COUNT_BYTES& info, uint32_t ch)
     return --info.chars == 0 ? sNOTFOUND : sOKAY;
 }
 
-static ZYN_RETCODE countBytesInAscii(PSP_UTF8_COUNT_BYTES& info, const char*, size_t n)
+static ZYN_RETCODE countBytesInRun(PSP_UTF8_COUNT_BYTES& info, const SOUND_TEXT& run)
 {
-    const size_t counted = std::min(n, info.chars);
-    info.bytes += counted;
-    info.chars -= counted;
+    info.bytes += run.size;
+    info.chars -= run.chars;
     return info.chars == 0 ? sNOTFOUND : sOKAY;
+}
+
+static UTF8_RUN countBytesLimit(const PSP_UTF8_COUNT_BYTES& info)
+{
+    return {SIZE_MAX, info.chars};
 }
 
 size_t psp_countUTF8bytes(const char* src, size_t size, size_t chars,
                           PSP_UTF8_ERROR_BEHAVIOR errorBehavior)
 {
     PSP_UTF8_COUNT_BYTES info{chars != 0 ? chars : SIZE_MAX, 0};
-    OUTPUT<PSP_UTF8_COUNT_BYTES, countBytesInChars, countBytesInAscii> output{info};
+    OUTPUT<PSP_UTF8_COUNT_BYTES, countBytesInChars, countBytesInRun, countBytesLimit> output{info};
     const ZYN_RETCODE rc = psp_processBuff(src, size, output, errorBehavior);
     return rc == sOKAY ? info.bytes : PSP_UTF8_FAILED;
 }
@@ -382,16 +455,16 @@ static ZYN_RETCODE countWchars(uint32_t& count, uint32_t)
     return sOKAY;
 }
 
-static ZYN_RETCODE countAscii(uint32_t& count, const char*, size_t n)
+static ZYN_RETCODE countRun(uint32_t& count, const SOUND_TEXT& run)
 {
-    count += static_cast<uint32_t>(n);
+    count += static_cast<uint32_t>(run.chars);
     return sOKAY;
 }
 
 size_t psp_countUTF8chars(const char* src, size_t size, PSP_UTF8_ERROR_BEHAVIOR errorBehavior)
 {
     uint32_t count = 0;
-    OUTPUT<uint32_t, countWchars, countAscii> output{count};
+    OUTPUT<uint32_t, countWchars, countRun> output{count};
     return psp_processBuff(src, size, output, errorBehavior) == sOKAY ? count : 0;
 }
 
@@ -404,10 +477,16 @@ static ZYN_RETCODE wcharEmitChar(WCHAR_EMIT_INFO& info, uint32_t ch)
     return sOKAY;
 }
 
-static ZYN_RETCODE wcharEmitAscii(WCHAR_EMIT_INFO& info, const char* chars, size_t n)
+static ZYN_RETCODE wcharEmitRun(WCHAR_EMIT_INFO& info, const SOUND_TEXT& run)
 {
-    const size_t fitting = std::min(n, info.size - info.off);
-    std::copy_n(chars, fitting, info.buff + info.off);
+    const size_t fitting = std::min(run.chars, info.size - info.off);
+    wchar_t* const dest = info.buff + info.off;
+    if (run.size >= FEW)
+        psp_utf8_variant()->widen(dest, fitting, run.text, run.size);
+    else if (run.size != run.chars)
+        psp_utf8_plain.widen(dest, fitting, run.text, run.size);
+    else
+        std::copy_n(run.text, fitting, dest);
     info.off += fitting;
     return sOKAY;
 }
@@ -418,9 +497,9 @@ static ZYN_RETCODE wcharCountChar(WCHAR_EMIT_INFO& info, uint32_t)
     return sOKAY;
 }
 
-static ZYN_RETCODE wcharCountAscii(WCHAR_EMIT_INFO& info, const char*, size_t n)
+static ZYN_RETCODE wcharCountRun(WCHAR_EMIT_INFO& info, const SOUND_TEXT& run)
 {
-    info.off += n;
+    info.off += run.chars;
     return sOKAY;
 }
 
@@ -431,11 +510,11 @@ static size_t convert_to_wchar(wchar_t* dest, size_t destlen, Process process)
 {
     WCHAR_EMIT_INFO info{dest, 0, 0};
     if (dest == nullptr) {
-        OUTPUT<WCHAR_EMIT_INFO, wcharCountChar, wcharCountAscii> output{info};
+        OUTPUT<WCHAR_EMIT_INFO, wcharCountChar, wcharCountRun> output{info};
         return process(output) == sOKAY ? info.off + 1 : PSP_UTF8_FAILED;
     }
     info.size = destlen != 0 ? destlen - 1 : 0;
-    OUTPUT<WCHAR_EMIT_INFO, wcharEmitChar, wcharEmitAscii> output{info};
+    OUTPUT<WCHAR_EMIT_INFO, wcharEmitChar, wcharEmitRun> output{info};
     if (process(output) != sOKAY)
         return PSP_UTF8_FAILED;
     info.size = destlen;
