@@ -1,7 +1,7 @@
 // UTF-8 and wide characters: the encoder over all code points, and the functions that decode beside
 // a plain decoder, over short sequences of every kind and long random texts.
 #include "support/psp_test.h"
-#include "support/utf8_model.h"
+#include "support/utf8_checks.h"
 
 #include "psp/mem.h"
 #include "psp/utf8.h"
@@ -20,25 +20,7 @@ using namespace psptest;
 
 namespace {
 
-constexpr std::size_t failed = SIZE_MAX;
-constexpr PSP_UTF8_ERROR_BEHAVIOR both[] = {PSP_UTF8_ERROR_BREAK, PSP_UTF8_ERROR_CONTINUE};
-
-// A copy on the heap, of its exact size: a checker sees a look behind its end.
-class Exact {
-  public:
-    explicit Exact(const std::string& text) : bytes_(text.begin(), text.end()) {}
-    const char* data() const
-    {
-        return bytes_.data();
-    }
-    std::size_t size() const
-    {
-        return bytes_.size();
-    }
-
-  private:
-    std::vector<char> bytes_;
-};
+constexpr std::size_t failed = PSP_UTF8_FAILED;
 
 // ---- One code point ----
 
@@ -100,116 +82,12 @@ TEST(Utf8Uchar, FillsTheRoomOrLeavesIt)
 
 // ---- Beside the plain decoder ----
 
-std::size_t length_of(const std::vector<uint32_t>& chars, std::size_t count)
-{
-    std::size_t length = 0;
-    for (std::size_t i = 0; i < count; i++)
-        length += encoded_utf8(chars[i]).size();
-    return length;
-}
-
-void check_counts(const Exact& text, PSP_UTF8_ERROR_BEHAVIOR behavior, const DecodedUtf8& decoded)
-{
-    const std::size_t all = decoded.chars.size();
-    ASSERT_EQ(psp_countUTF8chars(text.data(), text.size(), behavior), decoded.failed ? 0 : all);
-    ASSERT_EQ(psp_countUTF8bytes(text.data(), text.size(), 0, behavior),
-              decoded.failed ? failed : length_of(decoded.chars, all));
-    for (std::size_t chars = 1; chars <= all + 2; chars++) {
-        const bool enough = chars <= all; // what follows then does not matter
-        const std::size_t wanted = length_of(decoded.chars, std::min(chars, all));
-        ASSERT_EQ(psp_countUTF8bytes(text.data(), text.size(), chars, behavior),
-                  !enough && decoded.failed ? failed : wanted)
-            << chars;
-    }
-}
-
-void check_copies(const Exact& text, PSP_UTF8_ERROR_BEHAVIOR behavior, const DecodedUtf8& decoded)
-{
-    const std::size_t whole = length_of(decoded.chars, decoded.chars.size());
-    for (std::size_t size = 0; size <= whole + 2; size++) {
-        std::string wanted;
-        std::size_t count = 0;
-        for (; count < decoded.chars.size(); count++) {
-            const std::string code = encoded_utf8(decoded.chars[count]);
-            if (wanted.size() + code.size() > size)
-                break;
-            wanted += code;
-        }
-        const std::size_t result = decoded.failed ? failed : wanted.size();
-        std::vector<char> room(size);
-        std::size_t copied = 99;
-        ASSERT_EQ(psp_copyUTF8Chars(room.data(), size, text.data(), text.size(), &copied, behavior),
-                  result);
-        ASSERT_EQ(copied, decoded.failed ? 99 : count);
-        if (!decoded.failed) {
-            ASSERT_EQ(std::string(room.data(), wanted.size()), wanted);
-        }
-        copied = 99;
-        ASSERT_EQ(psp_copyUTF8Chars(nullptr, size, text.data(), text.size(), &copied, behavior),
-                  result);
-        ASSERT_EQ(copied, decoded.failed ? 99 : count);
-        ASSERT_EQ(psp_copyUTF8Chars(nullptr, size, text.data(), text.size(), nullptr, behavior),
-                  result);
-    }
-}
-
-std::vector<wchar_t> wide(const std::vector<uint32_t>& chars, std::size_t room)
-{
-    std::vector<wchar_t> wanted(chars.begin(), chars.end());
-    wanted.resize(std::min(wanted.size(), room - 1));
-    wanted.push_back(0);
-    return wanted;
-}
-
-template <class Convert>
-void check_wide(const DecodedUtf8& decoded, Convert convert)
-{
-    ASSERT_EQ(convert(nullptr, 0), decoded.failed ? failed : decoded.chars.size() + 1);
-    ASSERT_EQ(convert(nullptr, 1), decoded.failed ? failed : decoded.chars.size() + 1);
-    for (std::size_t room = 1; room <= decoded.chars.size() + 3; room++) {
-        std::vector<wchar_t> dest(room, L'Z');
-        std::vector<wchar_t> wanted = wide(decoded.chars, room);
-        ASSERT_EQ(convert(dest.data(), room), decoded.failed ? failed : wanted.size());
-        wanted.resize(room, L'Z');
-        if (!decoded.failed) {
-            ASSERT_EQ(dest, wanted) << room;
-        }
-    }
-}
-
-void check_all(const std::string& bytes)
-{
-    const Exact text(bytes);
-    const Exact terminated(bytes + '\0');
-    const std::string until_nul = bytes.c_str();
-    for (const PSP_UTF8_ERROR_BEHAVIOR behavior : both) {
-        const DecodedUtf8 decoded = decoded_utf8(bytes, behavior);
-        check_counts(text, behavior, decoded);
-        check_copies(text, behavior, decoded);
-        check_wide(decoded, [&](wchar_t* dest, std::size_t room) {
-            return psp_utf8_to_wchar_len(dest, room, text.data(), text.size(), behavior);
-        });
-        check_wide(decoded_utf8(until_nul, behavior), [&](wchar_t* dest, std::size_t room) {
-            return psp_utf8_to_wchar(dest, terminated.data(), room, behavior);
-        });
-    }
-    if (::testing::Test::HasFatalFailure()) {
-        std::string hex;
-        for (const char byte : bytes) {
-            char digits[4];
-            std::snprintf(digits, sizeof digits, " %02X", static_cast<unsigned char>(byte));
-            hex += digits;
-        }
-        FAIL() << "for" << hex;
-    }
-}
-
 TEST(Utf8Texts, OfUpToThreeBytesAreReadLikeThePlainDecoder)
 {
-    check_all("");
+    check_utf8("");
     for_each_sequence(under_tsan ? 2 : 3, [](const std::string& text) {
         if (!::testing::Test::HasFatalFailure())
-            check_all(text);
+            check_utf8(text);
     });
 }
 
@@ -217,7 +95,7 @@ TEST(Utf8Texts, OfRandomPiecesAreReadLikeThePlainDecoder)
 {
     std::mt19937 random(1);
     for (int i = 0; i < 3000 && !HasFatalFailure(); i++)
-        check_all(random_utf8(random, random() % 24, random() % 4 == 0));
+        check_utf8(random_utf8(random, random() % 24, random() % 4 == 0));
 }
 
 TEST(Utf8Texts, OfRandomBytesAreReadLikeThePlainDecoder)
@@ -227,7 +105,7 @@ TEST(Utf8Texts, OfRandomBytesAreReadLikeThePlainDecoder)
         std::string text(random() % 24, '\0');
         for (char& byte : text)
             byte = static_cast<char>(random() % 4 == 0 ? random() : 0x80 + random() % 0x80);
-        check_all(text);
+        check_utf8(text);
     }
 }
 
@@ -235,7 +113,7 @@ TEST(Utf8Texts, AroundRunsOfAsciiAreReadLikeThePlainDecoder)
 {
     for (std::size_t run = 0; run < 36 && !HasFatalFailure(); run++)
         for (const char* piece : {"\xC3\xA9", "\xFF", "\xE2\x82", "\xC0\xAF", "\x80"})
-            check_all(std::string(run, 'a') + piece + std::string(run % 11, 'b') + piece);
+            check_utf8(std::string(run, 'a') + piece + std::string(run % 11, 'b') + piece);
 }
 
 TEST(Utf8Texts, TakeEveryValidCodePointAndNoOther)
@@ -393,7 +271,7 @@ TEST_F(WideString, HoldsTheWholeText)
     for (const PSP_MEMTAG tag : {PSP_THREAD_TAG, PSP_GLOBAL_TAG}) {
         for (int i = 0; i < 300; i++) {
             const std::string text = random_utf8(random, random() % 100, false);
-            for (const PSP_UTF8_ERROR_BEHAVIOR behavior : both) {
+            for (const PSP_UTF8_ERROR_BEHAVIOR behavior : error_behaviors) {
                 const DecodedUtf8 decoded = decoded_utf8(text.c_str(), behavior);
                 wchar_t* string = psp_convToWchar(text.c_str(), behavior, tag);
                 wchar_t* twin = reinterpret_cast<wchar_t*>(8);
@@ -403,7 +281,8 @@ TEST_F(WideString, HoldsTheWholeText)
                 ASSERT_EQ(twin == nullptr, decoded.failed);
                 if (decoded.failed)
                     continue;
-                const std::vector<wchar_t> wanted = wide(decoded.chars, decoded.chars.size() + 1);
+                std::vector<wchar_t> wanted(decoded.chars.begin(), decoded.chars.end());
+                wanted.push_back(0);
                 EXPECT_EQ(std::wmemcmp(string, wanted.data(), wanted.size()), 0);
                 EXPECT_EQ(std::wmemcmp(twin, wanted.data(), wanted.size()), 0);
                 psp_freeMem(string, tag, __FILE__, __LINE__);

@@ -2,6 +2,8 @@
 // one that looks at whole sequences instead of keeping a state from byte to byte; and the bounded
 // byte buffer.
 //
+// Every variant that the processor has reads every text.
+//
 // Texts end at a page that cannot be read, and what is written lies alone in memory.
 #include "fuzz.h"
 #include "library.h"
@@ -10,6 +12,7 @@
 
 #include "psp/utf8.h"
 #include "psp_internal.h"
+#include "psp_utf8_scan.h"
 
 #include <algorithm>
 #include <iterator>
@@ -256,6 +259,13 @@ std::string overlong(uint32_t point, unsigned form)
     return {'\xF0', static_cast<char>(0x80 | (point >> 12 & 0xF)), tail(6), tail(0)};
 }
 
+// So many characters, each the next of the one before: enough of one length to fill whole blocks.
+void add_run(std::string& text, uint32_t point, std::size_t count)
+{
+    for (; count > 0 && text.size() < most_text; count--)
+        text += encoded_utf8(point++);
+}
+
 // A text of pieces next to every limit of the decoder, and of any bytes between them.
 std::string make_text(FuzzedDataProvider& input)
 {
@@ -271,6 +281,8 @@ std::string make_text(FuzzedDataProvider& input)
             text += overlong(input.ConsumeIntegralInRange<uint32_t>(0, 0xFFFF), kind % 3);
         else if (kind < 0xA0)
             text += encoded_utf8(input.ConsumeIntegralInRange<uint32_t>(0, 0x1FFFFF));
+        else if (kind < 0xB0)
+            add_run(text, input.ConsumeIntegralInRange<uint32_t>(0, 0x10FFFF), kind % 16 * 9);
         else if (kind < 0xC0)
             text.resize(text.empty() ? 0 : text.size() - 1); // breaks what came before
         else
@@ -291,15 +303,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzedDataProvider input(data, size);
     Task task;
-    task.room = input.ConsumeIntegralInRange<std::size_t>(0, 64);
-    task.limit = input.ConsumeIntegralInRange<std::size_t>(0, 64);
+    task.room = input.ConsumeIntegralInRange<std::size_t>(0, 640);
+    task.limit = input.ConsumeIntegralInRange<std::size_t>(0, 640);
     task.code = input.PickValueInArray<ZYN_RETCODE>({sNOTFOUND, eBADWRITE});
     check_code_point(input.ConsumeIntegralInRange<uint32_t>(0, 0x120000), task.room % 8);
     task.text = input.ConsumeBool() ? make_text(input) : input.ConsumeRemainingBytesAsString();
     task.text.resize(std::min(task.text.size(), most_text - 1));
-    for (const auto behavior : {PSP_UTF8_ERROR_BREAK, PSP_UTF8_ERROR_CONTINUE}) {
-        task.behavior = behavior;
-        check_text(task);
+    for (std::size_t i = 0; i < psp_utf8_supported(); i++) {
+        psp_utf8_chosen = psp_utf8_variants[i];
+        for (const auto behavior : {PSP_UTF8_ERROR_BREAK, PSP_UTF8_ERROR_CONTINUE}) {
+            task.behavior = behavior;
+            check_text(task);
+        }
     }
     check_buffer(task, true);
     check_buffer(task, false);
