@@ -24,6 +24,7 @@ FAMILIES = {
     "psp_directive.cpp": FORMAT,
     "psp_fileutil.cpp": "api_fileutil_* fault_fileutil_*",
     "psp_float.cpp": f"api_float_* {FORMAT} fault_pure_*",
+    "psp_free_index.cpp": f"unit_list_* unit_free_index_* {MEMORY}",
     "psp_large_block.cpp": f"unit_large_* {MEMORY}",
     "psp_locale.cpp": "api_string_* fault_pure_* fault_system_*",
     "psp_log.cpp": f"api_log_* {OUTPUT}",

@@ -1,105 +1,61 @@
 // The list allocator: best fit over blocks of any size, carved from large chunks.
 //
-// A chunk is a header and a row of blocks without gaps, each with its own header. Free blocks hang
-// on their chunk's list in no order. Allocation looks at all free blocks and takes the smallest
-// that fits, cutting from its end so that the rest keeps its place in the list; freeing looks at
-// the free blocks of one chunk to join the block with its neighbours, and gives the chunk back as
-// soon as it is one free block. Both are linear in the free blocks looked at.
+// A chunk is a header and a row of blocks without gaps, each with its own header (psp_list_row.h).
+// Allocation takes the smallest free block that fits, which an index over all of them finds
+// (psp_free_index.h), and cuts from its end, so that the rest keeps its turn; freeing joins the
+// block with its neighbours, which its header leads to, and gives the chunk back as soon as it is
+// one free block.
 //
 // Invariants: no two free blocks of a chunk are neighbours; a chunk exists only while one of its
-// blocks is in use. Nothing here locks, jumps or touches payload, except to copy a block that
-// moves.
+// blocks is in use. Nothing here locks, jumps or touches payload in use, except to copy a block
+// that moves.
 
 #include <algorithm>
 #include <cstring>
 
+#include "psp_free_index.h"
 #include "psp_mem_data_int.h"
 #include "psp_track.h"
 #include "pspint.h"
 
 namespace {
 
-constexpr size_t UNIT = 16;          // payload sizes are multiples of this
 constexpr uint32_t TAG_CHUNK = 4096; // smallest chunk payload of a tag
 
 // Larger payloads would not fit a chunk whose size is 32-bit.
-constexpr size_t LARGEST_CHUNK = UINT32_MAX & ~(UNIT - 1);
+constexpr size_t LARGEST_CHUNK = UINT32_MAX - LIST_FLAGS;
 constexpr size_t LARGEST_REQUEST = LARGEST_CHUNK - sizeof(LIST_HDR);
-
-// The free blocks next to a block by address, with the upper one's predecessor in the free list.
-struct NEIGHBORS {
-    LIST_HDR* upper;
-    LIST_HDR* upper_prev;
-    LIST_HDR* lower;
-};
 
 LIST_HDR* header_of(const void* ptr)
 {
     return static_cast<LIST_HDR*>(const_cast<void*>(ptr)) - 1;
 }
 
-LIST_HDR* first_block(LIST_CHUNK_HDR* chunk)
-{
-    return reinterpret_cast<LIST_HDR*>(chunk + 1);
-}
-
-// The header that would follow `size` bytes of a block's payload.
-LIST_HDR* header_after(LIST_HDR* block, size_t size)
-{
-    return reinterpret_cast<LIST_HDR*>(reinterpret_cast<std::byte*>(block + 1) + size);
-}
-
-LIST_HDR* next_block(LIST_HDR* block)
-{
-    return header_after(block, block->size);
-}
-
-void push_free(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
-{
-    block->ptr.next = chunk->free_hdrs;
-    chunk->free_hdrs = block;
-}
-
-void unlink_free(LIST_CHUNK_HDR* chunk, LIST_HDR* block, LIST_HDR* prev)
-{
-    (prev ? prev->ptr.next : chunk->free_hdrs) = block->ptr.next;
-}
-
 // Adds the block right behind to `block`; its header becomes payload.
 void absorb(LIST_HDR* block, const LIST_HDR* behind)
 {
     block->size += static_cast<uint32_t>(sizeof(LIST_HDR)) + behind->size;
+    block->back |= behind->back & LIST_LAST;
     psp_track_close(behind, sizeof(LIST_HDR));
+}
+
+// Cuts what follows `size` bytes of a block's payload off it, for a block of its own.
+LIST_HDR* cut(LIST_HDR* block, size_t size)
+{
+    LIST_HDR* const behind = list_header_after(block, size);
+    psp_track_fresh(behind, sizeof(LIST_HDR));
+    behind->size = static_cast<uint32_t>(block->size - size - sizeof(LIST_HDR));
+    behind->back = block->back & LIST_LAST;
+    block->size = static_cast<uint32_t>(size);
+    block->back &= ~LIST_LAST;
+    return behind;
 }
 
 // ---- Allocation ----
 
-// Improves `best` by the blocks of one chunk. True when a block fits exactly: no better one exists.
-bool best_fit_chunk(LIST_CHUNK_HDR* chunk, size_t size, BEST_FIT& best)
-{
-    LIST_HDR* q = nullptr;
-    for (LIST_HDR* p = chunk->free_hdrs; p; q = p, p = p->ptr.next) {
-        if (p->size < size || (best.p && p->size >= best.p->size))
-            continue;
-        best = {chunk, p, q};
-        if (p->size == size)
-            return true;
-    }
-    return false;
-}
-
-BEST_FIT best_fit(const LIST_ALLOCATOR_ENTRY* alctr, size_t size)
-{
-    BEST_FIT best = {};
-    for (LIST_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
-        if (best_fit_chunk(chunk, size, best))
-            break;
-    }
-    return best;
-}
-
-// A chunk with one free block of at least `size` bytes, at the head of the list; or NULL.
-LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
+// The only block, free and of at least `size` bytes, of a new chunk at the head of the list; or
+// NULL.
+LIST_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
 {
     size_t whole =
         std::max<size_t>(alctr->blocksize, size + sizeof(LIST_HDR)) + sizeof(LIST_CHUNK_HDR);
@@ -108,75 +64,60 @@ LIST_CHUNK_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     if (!chunk)
         return nullptr;
     // A caller's buffer can have any size: what a chunk cannot use of it stays idle.
-    const size_t inner = std::min((whole - sizeof(LIST_CHUNK_HDR)) & ~(UNIT - 1), LARGEST_CHUNK);
-    *chunk = {static_cast<uint32_t>(inner), alctr->chunks, nullptr, nullptr};
+    const size_t inner =
+        std::min((whole - sizeof(LIST_CHUNK_HDR)) & ~size_t{LIST_FLAGS}, LARGEST_CHUNK);
+    const uint32_t label = free_index_label(alctr);
+    *chunk = {static_cast<uint32_t>(inner), label, alctr->chunks, nullptr, 0, 0};
     if (chunk->next)
         chunk->next->prev = chunk;
     alctr->chunks = chunk;
 
-    LIST_HDR* const block = first_block(chunk);
+    LIST_HDR* const block = list_first_block(chunk);
     block->size = static_cast<uint32_t>(inner - sizeof(LIST_HDR));
-    push_free(chunk, block);
+    block->back = LIST_LAST;
     psp_track_close(block + 1, whole - sizeof(LIST_CHUNK_HDR) - sizeof(LIST_HDR));
-    return chunk;
+    free_index_insert(alctr, chunk, block);
+    return block;
 }
 
 // Turns the block found, or its end if enough is left over for another block, into one in use.
-LIST_HDR* use_entry(const BEST_FIT& fit, size_t size)
+LIST_HDR* use_entry(LIST_HDR* block, size_t size)
 {
-    LIST_HDR* block = fit.p;
-    if (block->size > size + sizeof(LIST_HDR)) {
-        block->size -= static_cast<uint32_t>(size + sizeof(LIST_HDR));
-        block = next_block(block);
-        psp_track_fresh(block, sizeof(LIST_HDR));
-        block->size = static_cast<uint32_t>(size);
+    LIST_CHUNK_HDR* const chunk = list_chunk_of_free(block);
+    if (list_is_cut(block, size)) {
+        LIST_HDR* const rest = block;
+        block = cut(rest, rest->size - size - sizeof(LIST_HDR));
+        list_tell_upper(rest);
     } else {
-        unlink_free(fit.chunk, block, fit.q);
+        block->back &= LIST_LAST;
     }
-    block->ptr.chunk = fit.chunk;
+    list_tell_upper(block);
+    block->ptr.chunk = chunk;
     psp_track_fresh(block + 1, block->size);
     return block;
 }
 
 // ---- Freeing ----
 
-NEIGHBORS find_next_neighbor(const LIST_CHUNK_HDR* chunk, const LIST_HDR* block)
+// Lets a block in use take in the free block above it, if there is one.
+void combine_with_next(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* block)
 {
-    NEIGHBORS near = {};
-    LIST_HDR* prev = nullptr;
-    for (LIST_HDR* p = chunk->free_hdrs; p; prev = p, p = p->ptr.next) {
-        if (p > block) {
-            if (!near.upper || p < near.upper) {
-                near.upper = p;
-                near.upper_prev = prev;
-            }
-        } else if (!near.lower || p > near.lower) {
-            near.lower = p;
-        }
-    }
-    return near;
-}
-
-// Lets a block take in the free block above it, if that starts right behind.
-void combine_with_next(LIST_CHUNK_HDR* chunk, LIST_HDR* block, const NEIGHBORS& near)
-{
-    if (!near.upper || next_block(block) != near.upper)
+    LIST_HDR* const upper = list_upper(block);
+    if (!upper || !list_is_free(upper))
         return;
-    unlink_free(chunk, near.upper, near.upper_prev);
-    absorb(block, near.upper);
+    free_index_remove(alctr, chunk, upper);
+    absorb(block, upper);
 }
 
-// Puts a block among the free ones. The result is the free block that it is now part of.
-LIST_HDR* join_to_neighbors(LIST_CHUNK_HDR* chunk, LIST_HDR* block)
+// Makes a block in use part of the free block below it.
+void join_to_lower(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* lower,
+                   const LIST_HDR* block)
 {
-    const NEIGHBORS near = find_next_neighbor(chunk, block);
-    combine_with_next(chunk, block, near);
-    if (near.lower && next_block(near.lower) == block) {
-        absorb(near.lower, block);
-        return near.lower;
-    }
-    push_free(chunk, block);
-    return block;
+    lower->back |= block->back & LIST_LAST;
+    free_index_grow(alctr, chunk, lower,
+                    lower->size + static_cast<uint32_t>(sizeof(LIST_HDR)) + block->size);
+    psp_track_close(block, sizeof(LIST_HDR));
+    list_tell_upper(lower);
 }
 
 void unlink_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
@@ -197,15 +138,14 @@ void release_chunk(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk)
 
 // Cuts a block down to `size`, if what is left over makes another block. What follows is in use:
 // the block took in a free neighbour just before.
-void release_extra(LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
+void release_extra(LIST_ALLOCATOR_ENTRY* alctr, LIST_CHUNK_HDR* chunk, LIST_HDR* block, size_t size)
 {
-    if (block->size <= size + sizeof(LIST_HDR))
+    if (!list_is_cut(block, size))
         return;
-    LIST_HDR* const extra = header_after(block, size);
-    extra->size = static_cast<uint32_t>(block->size - size - sizeof(LIST_HDR));
-    push_free(chunk, extra);
+    LIST_HDR* const extra = cut(block, size);
     psp_track_close(extra + 1, extra->size);
-    block->size = static_cast<uint32_t>(size);
+    free_index_insert(alctr, chunk, extra);
+    list_tell_upper(extra);
 }
 
 void* move_block(LIST_HDR* block, size_t size, LIST_ALLOCATOR_ENTRY* alctr, int32_t preserve)
@@ -225,13 +165,12 @@ void* internal_alloc(size_t size, LIST_ALLOCATOR_ENTRY* alctr)
 {
     if (size > LARGEST_REQUEST)
         return nullptr;
-    size = round_up(size, UNIT);
-    BEST_FIT fit = best_fit(alctr, size);
-    if (!fit.p) {
-        fit.chunk = list_add_chunk(alctr, size);
-        if (!fit.chunk)
+    size = round_up(size, LIST_UNIT);
+    LIST_HDR* fit = free_index_take(alctr, static_cast<uint32_t>(size));
+    if (!fit) {
+        if (!list_add_chunk(alctr, size))
             return nullptr;
-        fit.p = fit.chunk->free_hdrs;
+        fit = free_index_take(alctr, static_cast<uint32_t>(size));
     }
     LIST_HDR* const block = use_entry(fit, size);
     // The rounded request is counted, not the block: freeing one that was taken whole takes off
@@ -247,9 +186,18 @@ void internal_free(const void* ptr, LIST_ALLOCATOR_ENTRY* alctr)
     mem_info_sub(alctr->mem_info.used, block->size);
     psp_track_close(block + 1, block->size);
 
-    const LIST_HDR* const joined = join_to_neighbors(chunk, block);
-    if (joined == first_block(chunk) && joined->size + sizeof(LIST_HDR) == chunk->size)
+    combine_with_next(alctr, chunk, block);
+    LIST_HDR* const lower = list_free_lower(block);
+    if (list_is_last(block) && (lower ? lower : block) == list_first_block(chunk)) {
+        if (lower)
+            free_index_remove(alctr, chunk, lower);
         release_chunk(alctr, chunk);
+    } else if (lower) {
+        join_to_lower(alctr, chunk, lower, block);
+    } else {
+        free_index_insert(alctr, chunk, block);
+        list_tell_upper(block);
+    }
 }
 
 void* internal_realloc(const void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* alctr,
@@ -257,18 +205,19 @@ void* internal_realloc(const void* ptr, size_t newsize, LIST_ALLOCATOR_ENTRY* al
 {
     if (newsize > LARGEST_REQUEST)
         return nullptr;
-    const size_t size = round_up(newsize, UNIT);
+    const size_t size = round_up(newsize, LIST_UNIT);
     LIST_HDR* const block = header_of(ptr);
     LIST_CHUNK_HDR* const chunk = block->ptr.chunk;
     const uint32_t before = block->size;
-    combine_with_next(chunk, block, find_next_neighbor(chunk, block));
-    psp_track_fresh(header_after(block, before), block->size - before);
+    combine_with_next(alctr, chunk, block);
+    list_tell_upper(block);
+    psp_track_fresh(list_header_after(block, before), block->size - before);
     if (size > block->size)
         return move_block(block, size, alctr, preserve);
     // Counted against the block as it is now, with what it took in: the difference wraps, and may
     // carry the counter below 0.
     mem_info_add(alctr->mem_info.used, size - block->size);
-    release_extra(chunk, block, size);
+    release_extra(alctr, chunk, block, size);
     return block + 1;
 }
 
@@ -279,9 +228,11 @@ LIST_ALLOCATOR_ENTRY list_allocator_empty()
     return {
         .chunks = nullptr,
         .blocksize = TAG_CHUNK,
+        .empties = 0,
         .alloc_fcn = psp_allocLargeBlock,
         .free_fcn = psp_freeLargeBlock,
         .mem_info = {},
+        .index = {},
     };
 }
 
@@ -327,6 +278,8 @@ void list_allocator_free(const void* ptr, void* alctr)
 void list_allocator_free_all(void* alctr)
 {
     auto* const list = static_cast<LIST_ALLOCATOR_ENTRY*>(alctr);
+    list->index = {};
+    list->empties = 0;
     free_large_blocks([list] {
         LIST_CHUNK_HDR* const chunk = list->chunks;
         if (chunk)
@@ -342,5 +295,6 @@ void list_allocator_get_size(size_t* size, const void* ptr)
 
 void list_allocator_mem_info(const void* alctr, PSP_TAG_MEM_INFO* mem_info)
 {
-    *mem_info = mem_info_load(static_cast<const LIST_ALLOCATOR_ENTRY*>(alctr)->mem_info);
+    const LIST_MEM_INFO& info = static_cast<const LIST_ALLOCATOR_ENTRY*>(alctr)->mem_info;
+    *mem_info = {mem_info_load(info.used), mem_info_load(info.free), {}};
 }

@@ -22,9 +22,11 @@ PSP_SEM largeBlockSem = PSP_SEM_INVALID;
 LIST_ALLOCATOR_ENTRY LargeBlock = {
     .chunks = nullptr,
     .blocksize = 4194304,
+    .empties = 0,
     .alloc_fcn = psp_malloc,
     .free_fcn = psp_free,
     .mem_info = {},
+    .index = {},
 };
 
 static LARGE_BLOCK_HDR* header_of(void* ptr)

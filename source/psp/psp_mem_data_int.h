@@ -130,41 +130,60 @@ constexpr size_t round_up(size_t size, size_t unit)
     return (size + unit - 1) & ~(unit - 1);
 }
 
-// ---- List allocator (psp_allocator_list.cpp) ----
+// ---- List allocator (psp_allocator_list.cpp, psp_list_row.h, psp_free_index.h) ----
 
 struct LIST_HDR;
 
 struct LIST_CHUNK_HDR {
     uint32_t size;        // bytes of the chunk after this header
+    uint32_t label;       // falls along the list of chunks
     LIST_CHUNK_HDR* next; // links of the allocator's chunks
     LIST_CHUNK_HDR* prev; //
-    LIST_HDR* free_hdrs;  // free blocks of this chunk, in no order
+    uint32_t pushes;      // number of the next block of this chunk to become free
+    uint32_t empties;     // place of its free block without payload that was pushed last, or 0
+};
+
+// A free block without payload between the others of its chunk, by places.
+struct LIST_EMPTY {
+    uint32_t next; // pushed before
+    uint32_t prev; // pushed after
 };
 
 struct LIST_HDR {
     uint32_t size; // payload bytes after this header
+    uint32_t back; // flags, and how far back a header is that must be found: see psp_list_row.h
     union {
-        LIST_HDR* next;        // while free: the next free block of the chunk
         LIST_CHUNK_HDR* chunk; // while in use: where the block belongs
+        uint64_t word;         // while free: the first word of its node in the index
+        LIST_EMPTY empty;      // while free without payload
     } ptr;
 };
 
 static_assert(sizeof(LIST_CHUNK_HDR) == 32 && sizeof(LIST_HDR) == 16);
 
-struct LIST_ALLOCATOR_ENTRY {
-    LIST_CHUNK_HDR* chunks;                                   // newest first
-    uint32_t blocksize;                                       // smallest payload of a new chunk
-    void* (*alloc_fcn)(size_t* size, PSP_MEM_INFO* mem_info); // source of chunks; may enlarge
-    void (*free_fcn)(void* ptr, PSP_MEM_INFO* mem_info);      // sink of chunks
-    PSP_TAG_MEM_INFO mem_info; // used: handed out; free: chunks held, counted by their source
+// The free blocks of an allocator.
+struct FREE_INDEX {
+    uint64_t sizes;  // the link to the top of the tree of sizes
+    LIST_HDR* aside; // the block that changed last, which is not in the tree; or NULL
 };
 
-// The result of a search: the free block `p` of `chunk`, and its predecessor in the free list.
-struct BEST_FIT {
-    LIST_CHUNK_HDR* chunk;
-    LIST_HDR* p;
-    LIST_HDR* q;
+struct LIST_MEM_INFO {
+    PSP_MEM_INFO used; // handed out
+    PSP_MEM_INFO free; // chunks held, counted by their source
 };
+
+struct LIST_ALLOCATOR_ENTRY {
+    LIST_CHUNK_HDR* chunks; // newest first
+    uint32_t blocksize;     // smallest payload of a new chunk
+    uint32_t empties;       // not 0: there may be free blocks without payload
+    void* (*alloc_fcn)(size_t* size, PSP_MEM_INFO* mem_info); // source of chunks; may enlarge
+    void (*free_fcn)(void* ptr, PSP_MEM_INFO* mem_info);      // sink of chunks
+    LIST_MEM_INFO mem_info;
+    FREE_INDEX index;
+};
+
+// Its size decides where the record of the next tag lies.
+static_assert(sizeof(LIST_ALLOCATOR_ENTRY) == 80);
 
 // The allocator itself, for tags and for the large-block layer. A size that does not fit a chunk
 // with its headers gives NULL.

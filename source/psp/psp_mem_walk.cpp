@@ -10,6 +10,8 @@
 #include <initializer_list>
 #include <utility>
 
+#include "psp_list_row.h"
+
 namespace {
 
 constexpr MEM_WALK damaged(MEM_DAMAGE damage, const void* place)
@@ -44,75 +46,49 @@ bool counts(const PSP_MEM_INFO& info, size_t current)
 
 // ---- The rows of blocks of a list allocator ----
 
-constexpr size_t LIST_UNIT = 16;
-
-const LIST_HDR* first_block(const LIST_CHUNK_HDR* chunk)
-{
-    return reinterpret_cast<const LIST_HDR*>(chunk + 1);
-}
-
 uintptr_t end_of(const LIST_CHUNK_HDR* chunk)
 {
     return address(chunk + 1) + chunk->size;
 }
 
-const LIST_HDR* next_block(const LIST_HDR* block)
-{
-    return reinterpret_cast<const LIST_HDR*>(address(block + 1) + block->size);
-}
-
-// Whether a block's header, or NULL, can be at this address of a chunk.
+// Whether a block's header can be at this address of a chunk.
 bool can_start_at(const LIST_CHUNK_HDR* chunk, const LIST_HDR* block)
 {
-    const uintptr_t first = address(first_block(chunk));
+    const uintptr_t first = address(list_first_block(chunk));
     return address(block) >= first && address(block) + sizeof(LIST_HDR) <= end_of(chunk) &&
            (address(block) - first) % LIST_UNIT == 0;
 }
 
-bool on_free_list(const LIST_CHUNK_HDR* chunk, const LIST_HDR* block)
+// Whether the marks of a block are those of its place in the row.
+bool is_marked(const LIST_CHUNK_HDR* chunk, const LIST_HDR* block, const LIST_HDR* free_below)
 {
-    const LIST_HDR* p = chunk->free_hdrs;
-    while (p && p != block)
-        p = p->ptr.next;
-    return p != nullptr;
+    if (list_is_last(block) != (address(list_next_block(block)) == end_of(chunk)))
+        return false;
+    if (!list_is_free(block))
+        return block->ptr.chunk == chunk &&
+               list_back(block) == (free_below ? list_distance(free_below, block) : 0);
+    return block->size == 0 ? list_back(block) / LIST_UNIT < chunk->pushes
+                            : list_chunk_of_free(block) == chunk;
 }
 
-// Follows a free list to its end, and counts its blocks.
-MEM_WALK walk_free_list(const LIST_CHUNK_HDR* chunk, size_t* count)
-{
-    const size_t most = chunk->size / sizeof(LIST_HDR);
-    *count = 0;
-    for (const LIST_HDR* p = chunk->free_hdrs; p; p = p->ptr.next) {
-        if (!can_start_at(chunk, p))
-            return damaged(MEM_DAMAGE::FREE_LINK, p);
-        if (++*count > most)
-            return damaged(MEM_DAMAGE::FREE_CYCLE, chunk);
-    }
-    return sound(0);
-}
-
-// Goes from block to block through a chunk. The free list is known to end.
-MEM_WALK walk_row(const LIST_CHUNK_HDR* chunk, size_t free_blocks)
+// Goes from block to block through a chunk.
+MEM_WALK walk_row(const LIST_CHUNK_HDR* chunk)
 {
     size_t in_use = 0;
-    bool free_before = false;
-    for (const LIST_HDR* p = first_block(chunk); address(p) != end_of(chunk); p = next_block(p)) {
+    const LIST_HDR* free_below = nullptr;
+    for (const LIST_HDR* p = list_first_block(chunk); address(p) != end_of(chunk);
+         p = list_next_block(p)) {
         if (!can_start_at(chunk, p) || p->size % LIST_UNIT != 0 ||
             p->size > end_of(chunk) - address(p + 1))
             return damaged(MEM_DAMAGE::BLOCK_LENGTH, p);
-        const bool is_free = on_free_list(chunk, p);
-        if (is_free == (p->ptr.chunk == chunk))
-            return damaged(MEM_DAMAGE::BLOCK_STATE, p);
-        if (is_free && free_before)
+        if (list_is_free(p) && free_below)
             return damaged(MEM_DAMAGE::FREE_NEIGHBORS, p);
-        free_before = is_free;
-        if (is_free)
-            --free_blocks;
-        else
+        if (!is_marked(chunk, p, free_below))
+            return damaged(MEM_DAMAGE::BLOCK_STATE, p);
+        free_below = list_is_free(p) ? p : nullptr;
+        if (!free_below)
             ++in_use;
     }
-    if (free_blocks != 0) // the list leads into the middle of a block
-        return damaged(MEM_DAMAGE::FREE_LINK, chunk);
     return in_use == 0 ? damaged(MEM_DAMAGE::CHUNK_EMPTY, chunk) : sound(0);
 }
 
@@ -122,10 +98,10 @@ const LIST_HDR* live_block(const LIST_ALLOCATOR_ENTRY* alctr, const void* ptr)
     for (const LIST_CHUNK_HDR* chunk = alctr->chunks; chunk; chunk = chunk->next) {
         if (address(ptr) <= address(chunk) || address(ptr) >= end_of(chunk))
             continue;
-        const LIST_HDR* p = first_block(chunk);
+        const LIST_HDR* p = list_first_block(chunk);
         while (can_start_at(chunk, p) && p + 1 < ptr)
-            p = next_block(p);
-        return p + 1 == ptr && p->ptr.chunk == chunk ? p : nullptr;
+            p = list_next_block(p);
+        return p + 1 == ptr && !list_is_free(p) && p->ptr.chunk == chunk ? p : nullptr;
     }
     return nullptr;
 }
@@ -168,9 +144,7 @@ MEM_WALK walk_list_chunk(const LIST_CHUNK_HDR* chunk)
 {
     if (chunk->size < sizeof(LIST_HDR) || chunk->size % LIST_UNIT != 0)
         return damaged(MEM_DAMAGE::CHUNK_SIZE, chunk);
-    size_t free_blocks = 0;
-    const MEM_WALK walk = walk_free_list(chunk, &free_blocks);
-    return failed(walk) ? walk : walk_row(chunk, free_blocks);
+    return walk_row(chunk);
 }
 
 // The chunks of a tag. Free-all leaves their bytes counted as they were: the counter may be higher.
@@ -182,6 +156,9 @@ MEM_WALK walk_list_of_tag(const LIST_ALLOCATOR_ENTRY* alctr)
     });
     if (failed(walk))
         return walk;
+    const MEM_WALK index = psp_walkFreeIndex(alctr);
+    if (failed(index))
+        return index;
     const PSP_MEM_INFO& counted = alctr->mem_info.free;
     if (counted.current < walk.held || counted.max < counted.current)
         return damaged(MEM_DAMAGE::COUNTER, alctr);
@@ -445,7 +422,8 @@ MEM_WALK psp_walkList(const LIST_ALLOCATOR_ENTRY* alctr)
             return walk;
         held += sizeof(LIST_CHUNK_HDR) + chunk->size;
     }
-    return sound(held);
+    const MEM_WALK index = psp_walkFreeIndex(alctr);
+    return failed(index) ? index : sound(held);
 }
 
 // A large block's headers stay counted as overhead when it goes: the counter may be higher by them.
@@ -517,9 +495,8 @@ MEM_WALK psp_walkLargeBlocks()
         return walk;
     size_t held = 0;
     for (const LIST_CHUNK_HDR* chunk = LargeBlock.chunks; chunk; chunk = chunk->next) {
-        for (const LIST_HDR* p = first_block(chunk); address(p) != end_of(chunk);
-             p = next_block(p)) {
-            if (p->ptr.chunk != chunk)
+        for (const LIST_HDR* p = list_first_block(chunk); p; p = list_upper(p)) {
+            if (list_is_free(p))
                 continue;
             const auto* const block = reinterpret_cast<const LARGE_BLOCK_HDR*>(p + 1);
             if (block->size <= sizeof(LARGE_BLOCK_HDR) || block->size > p->size)

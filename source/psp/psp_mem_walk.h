@@ -16,9 +16,12 @@ enum class MEM_DAMAGE : int32_t {
     CHUNK_STATE,    // a chunk is on the wrong list
     CHUNK_EMPTY,    // a chunk without a block in use was kept
     BLOCK_LENGTH,   // a block reaches out of its chunk, or its sizes contradict each other
-    BLOCK_STATE,    // a block is neither in use nor on a free list
-    FREE_LINK,      // a free list leads to what is no free block
-    FREE_CYCLE,     // a free list does not end
+    CHUNK_ORDER,    // a chunk is labelled as if it were newer than the one before it
+    BLOCK_STATE,    // a block is neither in use nor free, or does not know its neighbours
+    FREE_LINK,      // a free list or index leads to what is no free block, or not back
+    FREE_CYCLE,     // a free list or index does not end
+    FREE_ORDER,     // a free block is where it would be found too early or too late
+    FREE_LOST,      // there are free blocks that would not be found
     FREE_NEIGHBORS, // two free blocks lie side by side
     REFILL,         // a size class makes chunks of a wrong number of blocks
     BOUND,          // a stack tag knows wrongly how much room its chunks have
@@ -41,6 +44,7 @@ struct MEM_WALK {
 MEM_WALK psp_walkList(const LIST_ALLOCATOR_ENTRY* alctr);
 MEM_WALK psp_walkBlock(const BLOCK_ALLOCATOR_ENTRY* alctr);
 MEM_WALK psp_walkStack(const STACK_ALLOCATOR_ENTRY* alctr);
+MEM_WALK psp_walkFreeIndex(const LIST_ALLOCATOR_ENTRY* alctr); // whose rows of blocks are sound
 MEM_WALK psp_walkLegacy(const LEGACY_ALLOCATOR_ENTRY* alctr);
 MEM_WALK psp_walkLargeBlocks();
 

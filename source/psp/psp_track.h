@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define PSP_TRACK_ADDRESSES
@@ -56,3 +57,41 @@ inline void psp_track_fresh([[maybe_unused]] const void* ptr, [[maybe_unused]] s
     __asan_unpoison_memory_region(ptr, size);
 #endif
 }
+
+// A word of closed memory for its keeper, who leaves it closed.
+#if defined(PSP_VALGRIND)
+
+inline uint64_t psp_track_peek(const uint64_t* word)
+{
+    VALGRIND_DISABLE_ERROR_REPORTING;
+    const uint64_t value = *word;
+    VALGRIND_ENABLE_ERROR_REPORTING;
+    return value;
+}
+
+inline void psp_track_poke(uint64_t* word, uint64_t value)
+{
+    VALGRIND_DISABLE_ERROR_REPORTING;
+    *word = value;
+    VALGRIND_ENABLE_ERROR_REPORTING;
+}
+
+#else
+
+#if defined(PSP_TRACK_ADDRESSES)
+#define PSP_TRACK_KEEPER __attribute__((no_sanitize("address"), noinline))
+#else
+#define PSP_TRACK_KEEPER
+#endif
+
+PSP_TRACK_KEEPER inline uint64_t psp_track_peek(const uint64_t* word)
+{
+    return *word;
+}
+
+PSP_TRACK_KEEPER inline void psp_track_poke(uint64_t* word, uint64_t value)
+{
+    *word = value;
+}
+
+#endif

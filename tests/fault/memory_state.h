@@ -4,6 +4,7 @@
 #include "fault/faults.h"
 #include "support/mem_test.h"
 
+#include "psp_list_row.h"
 #include "psp_mem_data_int.h"
 #include "psp_sync_int.h"
 #include "pspint.h"
@@ -22,12 +23,8 @@ inline std::size_t blocks_in_use(const LIST_ALLOCATOR_ENTRY& list)
 {
     std::size_t count = 0;
     for (const LIST_CHUNK_HDR* chunk = list.chunks; chunk != nullptr; chunk = chunk->next) {
-        const auto* place = reinterpret_cast<const std::byte*>(chunk + 1);
-        const std::byte* const end = place + chunk->size;
-        for (; place < end; count++)
-            place += sizeof(LIST_HDR) + reinterpret_cast<const LIST_HDR*>(place)->size;
-        for (const LIST_HDR* free = chunk->free_hdrs; free != nullptr; free = free->ptr.next)
-            count--;
+        for (const LIST_HDR* p = list_first_block(chunk); p != nullptr; p = list_upper(p))
+            count += list_is_free(p) ? 0 : 1;
     }
     return count;
 }

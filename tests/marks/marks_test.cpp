@@ -14,6 +14,8 @@
 
 #ifdef PSP_VALGRIND
 #include <valgrind/memcheck.h>
+#else
+#include <sanitizer/asan_interface.h>
 #endif
 
 using namespace psptest;
@@ -51,6 +53,11 @@ void expect_reported_by_the_heap(const void* ptr)
     expect_reported(ptr);
 }
 
+bool is_closed(const void* ptr)
+{
+    return VALGRIND_CHECK_MEM_IS_ADDRESSABLE(ptr, 1) != 0;
+}
+
 // Neither closed nor undefined.
 void expect_readable(const void* ptr, std::size_t size)
 {
@@ -70,6 +77,11 @@ void expect_reported(const void* ptr)
 void expect_reported_by_the_heap(const void* ptr)
 {
     EXPECT_DEATH(touch(ptr), "AddressSanitizer: heap-use-after-free");
+}
+
+bool is_closed(const void* ptr)
+{
+    return __asan_address_is_poisoned(ptr) != 0;
 }
 
 // A closed byte would end the test.
@@ -118,6 +130,24 @@ TEST_F(Marks, ReportAUseAfterFree)
     void* freed = get(100, legacy_);
     release(freed, legacy_);
     expect_reported_by_the_heap(freed);
+}
+
+// Where the allocators keep their own notes in free blocks, too.
+TEST_F(Marks, CloseEveryByteOfFreeBlocks)
+{
+    for (const std::size_t size : {16u, 32u, 208u}) {
+        void* blocks[8];
+        for (void*& block : blocks) {
+            block = get(size, list_);
+            get(16, list_);
+        }
+        for (void* block : blocks)
+            release(block, list_);
+        release(get(size, list_), list_);
+        for (void* block : blocks)
+            for (std::size_t i = 0; i < size; i++)
+                EXPECT_TRUE(is_closed(past(block, i))) << i << " of " << size;
+    }
 }
 
 TEST_F(Marks, ReportAUseAfterTheTagIsEmptied)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "support/list_model.h"
+#include "support/list_row.h"
 #include "support/mem_test.h"
 
 #include "psp_mem_data_int.h"
@@ -244,14 +245,13 @@ inline void expect_same_lists(const LIST_ALLOCATOR_ENTRY& entry, const ListModel
         ASSERT_EQ(chunk->size, chunks[n].second);
         ASSERT_EQ(chunk->prev, before);
         before = chunk;
-        std::size_t i = 0;
-        const auto free_blocks = model.free_blocks(n);
-        for (const LIST_HDR* hdr = chunk->free_hdrs; hdr != nullptr; hdr = hdr->ptr.next, i++) {
-            ASSERT_LT(i, free_blocks.size());
-            ASSERT_EQ(address_of(hdr), free_blocks[i].first);
-            ASSERT_EQ(hdr->size, free_blocks[i].second);
+        const auto expected = model.free_blocks(n);
+        const auto found = free_blocks(chunk);
+        ASSERT_EQ(found.size(), expected.size());
+        for (std::size_t i = 0; i < found.size(); i++) {
+            ASSERT_EQ(address_of(found[i]), expected[i].first);
+            ASSERT_EQ(found[i]->size, expected[i].second);
         }
-        ASSERT_EQ(i, free_blocks.size());
     }
     ASSERT_EQ(n, chunks.size());
 }

@@ -64,7 +64,7 @@ class ListAllocator : public ::testing::Test {
     {
         EXPECT_EQ(entry_.chunks, nullptr);
         EXPECT_EQ(supply.held, 0u);
-        EXPECT_EQ(entry_.mem_info.overhead, PSP_MEM_INFO{});
+        EXPECT_EQ(info().overhead, PSP_MEM_INFO{});
     }
 
     void* alloc(std::size_t size)
@@ -94,6 +94,12 @@ class ListAllocator : public ::testing::Test {
     {
         return entry_.mem_info.used.current;
     }
+    PSP_TAG_MEM_INFO info() const
+    {
+        PSP_TAG_MEM_INFO info{};
+        list_allocator_mem_info(&entry_, &info);
+        return info;
+    }
     // Where the payload of the n-th chunk, newest first, starts.
     std::uintptr_t payload(int n = 0) const
     {
@@ -106,7 +112,7 @@ class ListAllocator : public ::testing::Test {
     std::vector<std::size_t> free_sizes() const
     {
         std::vector<std::size_t> sizes;
-        for (const LIST_HDR* hdr = entry_.chunks->free_hdrs; hdr != nullptr; hdr = hdr->ptr.next)
+        for (const LIST_HDR* hdr : free_blocks(entry_.chunks))
             sizes.push_back(hdr->size);
         return sizes;
     }
@@ -134,7 +140,7 @@ TEST_F(ListAllocator, TakesASingleBlockThatFillsItsChunkWhole)
     void* block = alloc(4096);
     EXPECT_EQ(supply.log.requests[0].wanted, 4112u + 32);
     EXPECT_EQ(entry_.chunks->size, 4112u);
-    EXPECT_EQ(entry_.chunks->free_hdrs, nullptr);
+    EXPECT_EQ(free_sizes(), Sizes{});
     EXPECT_EQ(address_of(block), payload() + 16);
     EXPECT_EQ(size_of(block), 4096u);
     release(block);
@@ -146,7 +152,7 @@ TEST_F(ListAllocator, TakesABlockSixteenTooLongWholeAndCountsItSoWhenFreed)
     void* block = alloc(4064);
     EXPECT_EQ(size_of(block), 4080u);
     EXPECT_EQ(used(), 4064u);
-    EXPECT_EQ(entry_.chunks->free_hdrs, nullptr);
+    EXPECT_EQ(free_sizes(), Sizes{});
     release(block);
     EXPECT_EQ(used(), std::size_t{0} - 16);
     EXPECT_EQ(entry_.mem_info.used.max, 4064u);
@@ -238,7 +244,7 @@ TEST_F(ListAllocator, JoinsAFreedBlockWithBothNeighbours)
     EXPECT_EQ(free_sizes(), (Sizes{96, 96, rest}));
     release(b); // takes a in, then goes into c
     EXPECT_EQ(free_sizes(), (Sizes{96 + 2 * 112, rest}));
-    EXPECT_EQ(address_of(entry_.chunks->free_hdrs), address_of(c) - 16);
+    EXPECT_EQ(address_of(free_blocks(entry_.chunks)[0]), address_of(c) - 16);
     release(keep);
 }
 
@@ -277,7 +283,7 @@ TEST_F(ListAllocator, ShrinkingByThirtyTwoCutsOffASixteenByteBlock)
     EXPECT_EQ(realloc(block, 128), block);
     EXPECT_EQ(size_of(block), 128u);
     EXPECT_EQ(free_sizes()[0], 16u);
-    EXPECT_EQ(address_of(entry_.chunks->free_hdrs), address_of(block) + 128);
+    EXPECT_EQ(address_of(free_blocks(entry_.chunks)[0]), address_of(block) + 128);
     EXPECT_EQ(used(), 128u + 16);
     release_all({block, keep});
     EXPECT_EQ(used(), 0u);
@@ -386,14 +392,14 @@ TEST_F(ListAllocator, RefusesSizesThatDoNotFitThirtyTwoBits)
 {
     void* block = alloc(100);
     std::memset(block, 'p', 100);
-    const PSP_TAG_MEM_INFO before = entry_.mem_info;
+    const PSP_TAG_MEM_INFO before = info();
     for (std::size_t below = 1; below <= 64; below++) {
         EXPECT_EQ(alloc(gib4 - below), nullptr) << below;
         EXPECT_EQ(realloc(block, gib4 - below), nullptr) << below;
     }
     for (const ChunkLog::Request& request : supply.log.requests)
         EXPECT_TRUE(request.wanted == 4128 || request.wanted > gib4 - 128) << request.wanted;
-    EXPECT_EQ(entry_.mem_info, before);
+    EXPECT_EQ(info(), before);
     EXPECT_TRUE(holds(block, 100, 'p'));
     release(block);
 }
@@ -418,12 +424,9 @@ TEST_F(ListAllocator, AsksForTheLargestChunkAndForNoLargerOne)
 TEST_F(ListAllocator, CopiesItsCounters)
 {
     void* block = alloc(100);
-    PSP_TAG_MEM_INFO info{};
-    list_allocator_mem_info(&entry_, &info);
-    EXPECT_EQ(info, entry_.mem_info);
-    EXPECT_EQ(info.used, (PSP_MEM_INFO{112, 112}));
-    EXPECT_EQ(info.free, (PSP_MEM_INFO{4128, 4128}));
-    EXPECT_EQ(info.overhead, PSP_MEM_INFO{});
+    EXPECT_EQ(info().used, (PSP_MEM_INFO{112, 112}));
+    EXPECT_EQ(info().free, (PSP_MEM_INFO{4128, 4128}));
+    EXPECT_EQ(info().overhead, PSP_MEM_INFO{});
     release(block);
 }
 
@@ -434,14 +437,14 @@ TEST_F(ListAllocator, FreeAllReleasesLargeBlocksPastTheSinkAndKeepsTheCounters)
     alloc(100);
     alloc(10000);
     alloc(4000);
-    const PSP_TAG_MEM_INFO before = entry_.mem_info;
+    const PSP_TAG_MEM_INFO before = info();
     EXPECT_EQ(before.used.current, 112u + 10000 + 4000);
     EXPECT_EQ(before.free.current, 4096u + 32 + 8 + 10016 + 32 + 8 + 4096 + 32 + 8);
     EXPECT_EQ(psp_mem_stats.current, before.free.current);
     list_allocator_free_all(&entry_);
     EXPECT_EQ(entry_.chunks, nullptr);
     EXPECT_TRUE(supply.log.released.empty()) << "not through the sink";
-    EXPECT_EQ(entry_.mem_info, before);
+    EXPECT_EQ(info(), before);
     EXPECT_EQ(psp_mem_stats.current, 0u);
     EXPECT_EQ(LargeBlock.chunks, nullptr);
     // It stays usable.
@@ -460,6 +463,7 @@ class ListHarness {
         : entry_(entry), model_(blocksize, supply.log), longest_(longest)
     {
         entry.blocksize = blocksize;
+        entry.mem_info = {};
     }
 
     std::size_t random_size(std::mt19937& random)
@@ -467,9 +471,11 @@ class ListHarness {
         // Refusals and enlargements come and go with the sizes.
         supply.refuse = random() % 8 == 0;
         supply.enlarge_by = random() % 4 == 0 ? random() % 64 * 16 : 0;
+        if (equals_ != 0)
+            return 16 * (random() % equals_);
         switch (random() % 4) {
         case 0:
-            return 1 + random() % 64;
+            return random() % 64;
         case 1:
             return 16 * (1 + random() % 20);
         case 2:
@@ -502,8 +508,9 @@ class ListHarness {
         ASSERT_TRUE(supply.log.requests.empty()) << "a chunk that was not due";
         ASSERT_TRUE(supply.log.released.empty()) << "a chunk given back too early";
         ASSERT_EQ(entry_.mem_info.used, (PSP_MEM_INFO{model_.used(), model_.used_mark()}));
-        ASSERT_EQ(entry_.mem_info.overhead, PSP_MEM_INFO{});
         expect_same_lists(entry_, model_);
+        if (worn_)
+            wear_out();
     }
 
     void walk()
@@ -511,7 +518,26 @@ class ListHarness {
         expect_sound(entry_);
     }
 
+    // Only this many sizes, 0 among them.
+    void with_equal_sizes(std::size_t sizes)
+    {
+        equals_ = sizes;
+    }
+    // The counters stand close to their ends all the time.
+    void with_worn_counters()
+    {
+        worn_ = true;
+    }
+
   private:
+    void wear_out()
+    {
+        for (LIST_CHUNK_HDR* chunk = entry_.chunks; chunk != nullptr; chunk = chunk->next)
+            chunk->pushes = std::max(chunk->pushes, FREE_PUSHES - 1);
+        // No free block knows its label yet.
+        if (entry_.chunks != nullptr && free_blocks(entry_.chunks).empty())
+            entry_.chunks->label = FREE_LABELS - 1;
+    }
     void check_size(void* ptr)
     {
         if (ptr == nullptr || ::testing::Test::HasFailure())
@@ -524,6 +550,8 @@ class ListHarness {
     LIST_ALLOCATOR_ENTRY& entry_;
     ListModel model_;
     std::size_t longest_;
+    std::size_t equals_ = 0;
+    bool worn_ = false;
 };
 
 class ListAllocatorModel : public ListAllocator, public ::testing::WithParamInterface<unsigned> {};
@@ -538,6 +566,25 @@ TEST_P(ListAllocatorModel, AgreesWithChunksThatHoldFewBlocks)
 {
     ListHarness harness(entry_, 256, 400);
     drive(harness, GetParam() + 100, in_long_run(4000, 1000000), 60);
+}
+
+TEST_P(ListAllocatorModel, AgreesAmongManyBlocksOfFewSizes)
+{
+    for (const std::size_t sizes : {2u, 3u, 6u, 20u}) {
+        ListHarness harness(entry_, sizes == 20 ? 4096 : 128, 400);
+        harness.with_equal_sizes(sizes);
+        drive(harness, GetParam() + 200, in_long_run(2500, 250000), 500);
+    }
+}
+
+TEST_P(ListAllocatorModel, AgreesWhenTheCountersComeToTheirEnd)
+{
+    for (const std::size_t sizes : {0u, 2u, 5u}) {
+        ListHarness harness(entry_, sizes == 0 ? 4096 : 256, 400);
+        harness.with_equal_sizes(sizes);
+        harness.with_worn_counters();
+        drive(harness, GetParam() + 300, in_long_run(2500, 300000), 200);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ListAllocatorModel, ::testing::Range(1u, 6u));

@@ -78,7 +78,7 @@ TEST_F(TagRecord, OfAListTag)
     EXPECT_EQ(entry->blocksize, 4096u);
     EXPECT_EQ(entry->alloc_fcn, psp_allocLargeBlock);
     EXPECT_EQ(entry->free_fcn, psp_freeLargeBlock);
-    EXPECT_EQ(entry->mem_info, PSP_TAG_MEM_INFO{});
+    EXPECT_EQ(info_of(tag), PSP_TAG_MEM_INFO{});
     EXPECT_EQ(tag->t_fcns.alloc_fcn, list_allocator_alloc);
     EXPECT_EQ(tag->t_fcns.get_size_fcn, list_allocator_get_size);
     EXPECT_EQ(tag->t_fcns.mem_info_fcn, list_allocator_mem_info);
