@@ -166,13 +166,19 @@ size_t lengthOf(uintmax_t val)
     return shortest.length[bit] + (val >= shortest.end[bit] ? 1U : 0U);
 }
 
+// Apart, so that a value of one byte needs no frame.
+[[gnu::noinline]] ZYN_RETCODE encodeLonger(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
+{
+    return encodeBytes(fcn, ctx, lengthOf(val), val);
+}
+
 } // namespace
 
 ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx)
 {
     if (val < layouts[2].offset)
         return fcn(ctx, static_cast<uint32_t>(val));
-    return encodeBytes(fcn, ctx, lengthOf(val), val);
+    return encodeLonger(val, fcn, ctx);
 }
 
 ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uintmax_t* val)
