@@ -47,7 +47,7 @@ typedef enum PSP_ALLOCATOR_TYPE PSP_ALLOCATOR_TYPE_BASE {
         Small blocks return to their class, not to the system, until the tag is emptied. Counts
         requests as `used`, idle blocks as `free`, headers and rounding as `overhead`. */
     BLOCK_ALLOCATOR = 0,
-    /** Best fit with joining of free neighbours: compact, for few or long-lived blocks. Counts
+    /** Best fit with joining of free neighbours: compact, for blocks of any size and life. Counts
         requests rounded up to 16 as `used` and chunks held as `free`. */
     LIST_ALLOCATOR = 1,
     /** Only grows: the fastest, for data that dies together. Blocks cannot be resized, and freeing

@@ -89,7 +89,7 @@ void split_chunk(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, BLOCK_CHUNK_HDR
 // ---- Taking and giving blocks ----
 
 // Refills an empty class. The multiplier grows before the chunk is asked for, also when there is
-// none. Kept out of line, like all that is seldom needed: the way past it stays short.
+// none.
 bool refill(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, size_t actual)
 {
     const size_t count = info.mult;
@@ -103,6 +103,7 @@ bool refill(BLOCK_ALLOCATOR_ENTRY* alctr, BLOCK_INFO& info, size_t actual)
     return true;
 }
 
+// Out of line, like all that is seldom needed: the way past it stays short.
 [[gnu::noinline]] void* alloc_large(BLOCK_ALLOCATOR_ENTRY* alctr, size_t size)
 {
     const size_t actual = find_block_size(size);
@@ -223,10 +224,10 @@ void block_allocator_free(const void* ptr, void* alctr)
 {
     auto* const entry = static_cast<BLOCK_ALLOCATOR_ENTRY*>(alctr);
     BLOCK_HDR* const block = block_header(ptr);
-    if (block->size.actual > LARGEST_CLASS) [[unlikely]]
-        give_large(entry, block);
-    else
+    if (is_small(block)) [[likely]]
         push_block(entry, block);
+    else
+        give_large(entry, block);
 }
 
 void* block_allocator_realloc(const void* ptr, size_t newsize, void* alctr, int32_t preserve)

@@ -53,16 +53,16 @@ LIST_HDR* cut(LIST_HDR* block, size_t size)
 
 // ---- Allocation ----
 
-// The only block, free and of at least `size` bytes, of a new chunk at the head of the list; or
-// NULL.
-LIST_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
+// A new chunk at the head of the list, of one free block with at least `size` bytes. False without
+// memory.
+bool list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
 {
     size_t whole =
         std::max<size_t>(alctr->blocksize, size + sizeof(LIST_HDR)) + sizeof(LIST_CHUNK_HDR);
     auto* const chunk =
         static_cast<LIST_CHUNK_HDR*>(alctr->alloc_fcn(&whole, &alctr->mem_info.free));
     if (!chunk)
-        return nullptr;
+        return false;
     // A caller's buffer can have any size: what a chunk cannot use of it stays idle.
     const size_t inner =
         std::min((whole - sizeof(LIST_CHUNK_HDR)) & ~size_t{LIST_FLAGS}, LARGEST_CHUNK);
@@ -77,7 +77,7 @@ LIST_HDR* list_add_chunk(LIST_ALLOCATOR_ENTRY* alctr, size_t size)
     block->back = LIST_LAST;
     psp_track_close(block + 1, whole - sizeof(LIST_CHUNK_HDR) - sizeof(LIST_HDR));
     free_index_insert(alctr, chunk, block);
-    return block;
+    return true;
 }
 
 // Turns the block found, or its end if enough is left over for another block, into one in use.

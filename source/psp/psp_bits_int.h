@@ -20,7 +20,7 @@ inline uint64_t reversed(uint64_t word)
     return __builtin_bswap64(word);
 }
 
-// Works on the bytes in memory, not on a number: a swapped float is never loaded as a float.
+// Works on the bytes in memory: a swapped float is no number to calculate with.
 template <class T>
 inline void swapBytes(T* val)
 {

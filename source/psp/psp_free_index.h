@@ -15,7 +15,8 @@
 // a root has no siblings, so that its links are free for that. Which of two sizes lies above the
 // other follows from their bits alone: at the lowest bit in which they differ, the upper one has a
 // 0. With all multiples of 16 up to some size that gives a balanced tree; sizes without a pattern
-// give the tree that a random order of insertion gives.
+// give the tree that a random order of insertion gives. The longest way that sizes can be chosen
+// for is the square root of their number: 255 steps with every size up to a megabyte.
 //
 // A heap whose root collects many children makes the search that takes the root wait for all of
 // them. So children have ranks, and a child that finds one of its own rank at the front is paired

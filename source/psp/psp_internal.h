@@ -94,7 +94,7 @@ struct FLT_FORMAT {
     const char* point;    // the decimal point, "" for none
     int32_t omitzeros;    // 1: drop trailing fraction zeros
     size_t separators;    // bytes that grouping adds to the integer part
-    char econvert[5];     // exponent characters, at the end of the array
+    char econvert[5];     // exponent characters
     char tmp[MAX_DIGITS]; // digits, as INT_FORMAT::tmp
     uintmax_t intpart;    // integer part of the value
     uintmax_t fracpart;   // its fraction times 10^precision, rounded

@@ -109,7 +109,7 @@ void putTime(char (&now)[TIME_STRING_SIZE], const struct tm& local)
 }
 
 // Fills `now`, unless it is filled already: console and log show the same time. The zone is asked
-// each time, because a program may change it.
+// each time, because a program may call tzset.
 void getCurrentLocalTimeString(char (&now)[TIME_STRING_SIZE])
 {
     struct tm local;

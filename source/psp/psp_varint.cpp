@@ -78,7 +78,8 @@ inline ZYN_RETCODE decodeBytes(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t leng
     return sOKAY;
 }
 
-// The codec itself has no fixed length: these stay out of its way.
+// For the table alone, whose rows are used one by one from outside; they stay out of the codec's
+// way.
 template <size_t Size>
 [[gnu::cold]] ZYN_RETCODE encode(ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx, uintmax_t val)
 {

@@ -51,25 +51,33 @@ ZYN_RETCODE run(decltype(Usual) slot, Args... args)
 // A record and its name are two blocks. They come and go under one entry into the tag's mutex: the
 // entries of the allocations themselves are nested then, and cheap.
 
+// None while the library stops: its tags are released without locks, and this one may be gone.
+PSP_SEM mutex_of(PSP_MEMTAG tag)
+{
+    return tag != nullptr && relaxed_load(psp_terminating) == 0 ? tag->t_sem : PSP_SEM_INVALID;
+}
+
 // The file tag has no jump buffer: a failed allocation comes back as null.
 PSPFTAB* get_blocks(const char* name, PSP_MEMTAG tag)
 {
-    mem_enter(tag->t_sem);
+    const PSP_SEM sem = mutex_of(tag);
+    mem_enter(sem);
     auto* entry = static_cast<PSPFTAB*>(
         psp_getMem(sizeof(PSPFTAB), tag, PSP_MEM_ZERO, nullptr, __FILE__, __LINE__));
     if (entry != nullptr)
         entry->name =
             static_cast<const char*>(psp_getMem(0, tag, PSP_MEM_STRING, name, __FILE__, __LINE__));
-    mem_exit(tag->t_sem);
+    mem_exit(sem);
     return entry;
 }
 
 void free_blocks(const PSPFTAB* entry, PSP_MEMTAG tag)
 {
-    mem_enter(tag->t_sem);
+    const PSP_SEM sem = mutex_of(tag);
+    mem_enter(sem);
     psp_freeMem(entry->name, tag, __FILE__, __LINE__);
     psp_freeMem(entry, tag, __FILE__, __LINE__);
-    mem_exit(tag->t_sem);
+    mem_exit(sem);
 }
 
 // Closes what the record holds and frees it; also for a record that is only half built.
@@ -161,8 +169,10 @@ PSP_FILE_GLOBALS* psp_fileGlobals()
     if (rc != sOKAY)
         return nullptr;
     auto* const globals = static_cast<PSP_FILE_GLOBALS*>(data);
-    relaxed_store(known_since, removals);
-    known_globals.store(globals, std::memory_order_release);
+    if (relaxed_load(psp_globalRemovals) == removals) { // else somebody may know better
+        relaxed_store(known_since, removals);
+        known_globals.store(globals, std::memory_order_release);
+    }
     return globals;
 }
 

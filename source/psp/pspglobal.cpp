@@ -65,7 +65,7 @@ Position findGlobalEntry(const char* name)
     return {low, false};
 }
 
-// Under the registry's mutex.
+// Under the registry's mutex, or while the library stops.
 void count_removal()
 {
     relaxed_store(psp_globalRemovals, psp_globalRemovals + 1);

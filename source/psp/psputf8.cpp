@@ -206,6 +206,8 @@ struct SOUND_START {
         limit.size = std::min(limit.size, end - pos);
         const char* const text = input + pos;
         const bool much = limit.size >= FEW && pos >= careful;
+        if (pos < careful) // the rest comes after that
+            limit.size = std::min(limit.size, careful - pos);
         const UTF8_RUN run = much ? take_much(text, pos, limit) : take_few(text, limit);
         pos += run.size;
         return {run, text};
@@ -396,7 +398,7 @@ static ZYN_RETCODE copy_utf8_chars(PSP_UTF8_COPY_INFO& info, uint32_t ch)
     return sOKAY;
 }
 
-static ZYN_RETCODE copy_run(PSP_UTF8_COPY_INFO& info, const SOUND_TEXT& run)
+static ZYN_RETCODE copy_sound(PSP_UTF8_COPY_INFO& info, const SOUND_TEXT& run)
 {
     if (!info.done) {
         copy_bytes(info, run.text, run.size);
@@ -414,7 +416,7 @@ size_t psp_copyUTF8Chars(char* dst, size_t dst_size, const char* src, size_t src
                          size_t* chars_copied, PSP_UTF8_ERROR_BEHAVIOR errorBehavior)
 {
     PSP_UTF8_COPY_INFO info{dst, dst_size, 0, ZYN_FALSE};
-    OUTPUT<PSP_UTF8_COPY_INFO, copy_utf8_chars, copy_run, copy_limit> output{info};
+    OUTPUT<PSP_UTF8_COPY_INFO, copy_utf8_chars, copy_sound, copy_limit> output{info};
     if (psp_processBuff(src, src_size, output, errorBehavior) != sOKAY)
         return PSP_UTF8_FAILED;
     if (chars_copied != nullptr)
