@@ -309,12 +309,47 @@ void* create_allocator(PSP_ALLOCATOR_TYPE type, ALLOCATOR_FCNS* fcns)
     return nullptr;
 }
 
+// A tag's record and its allocator's come and go under one entry into the mutex of the tag that
+// holds them: the entries of the allocations themselves are nested then, and cheap.
+
+ZYN_RETCODE get_records(PSP_ALLOCATOR_TYPE type, TAG_ENTRY** ptag)
+{
+    auto* const tag = static_cast<TAG_ENTRY*>(
+        psp_memTryGet(sizeof(TAG_ENTRY), &static_list_tag, PSP_MEM_ZERO, nullptr));
+    if (!tag)
+        return eNOMEMORY;
+    tag->t_allocator = create_allocator(type, &tag->t_fcns);
+    if (!tag->t_allocator) {
+        free_memory(&static_list_tag, tag);
+        return ePSP_FAILURE;
+    }
+    *ptag = tag;
+    return sOKAY;
+}
+
+ZYN_RETCODE create_records(PSP_ALLOCATOR_TYPE type, TAG_ENTRY** ptag)
+{
+    const PSP_SEM sem = relaxed_load(static_list_tag.t_sem);
+    mem_enter(sem);
+    const ZYN_RETCODE rc = get_records(type, ptag);
+    mem_exit(sem);
+    return rc;
+}
+
+void free_records(TAG_ENTRY* tag)
+{
+    const PSP_SEM sem = release_sem(&static_list_tag);
+    mem_enter(sem);
+    tag->t_fcns.destroy_fcn(tag->t_allocator);
+    free_memory(&static_list_tag, tag);
+    mem_exit(sem);
+}
+
 // The record of a tag is gone before its mutex is released and deleted.
 void destroy_tag(TAG_ENTRY* tag, PSP_SEM held)
 {
     remove_tag(tag);
-    tag->t_fcns.destroy_fcn(tag->t_allocator);
-    free_memory(&static_list_tag, tag);
+    free_records(tag);
     mem_exit(held);
     psp_syncDelete(held);
 }
@@ -448,15 +483,10 @@ ZYN_RETCODE psp_createTagEx_rc(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE ty
         return ePSP_FAILURE;
     if (!ptag)
         return eINVNULLARG;
-    auto* const tag = static_cast<TAG_ENTRY*>(
-        psp_memTryGet(sizeof(TAG_ENTRY), &static_list_tag, PSP_MEM_ZERO, nullptr));
-    if (!tag)
-        return eNOMEMORY;
-    tag->t_allocator = create_allocator(type, &tag->t_fcns);
-    if (!tag->t_allocator) {
-        free_memory(&static_list_tag, tag);
-        return ePSP_FAILURE;
-    }
+    TAG_ENTRY* tag = nullptr;
+    const ZYN_RETCODE rc = create_records(type, &tag);
+    if (rc != sOKAY)
+        return rc;
     tag->t_jmpbuf = jb;
     tag->t_destroy_fcn = destroy_fcn;
     tag->t_destroy_ctx = destroy_ctx;
