@@ -11,8 +11,6 @@
 #include <memory>
 #include <random>
 
-#include <malloc.h>
-
 #ifdef PSP_PEER_APR
 #include <apr_general.h>
 #include <apr_pools.h>
@@ -55,15 +53,6 @@ void use(void* block)
         std::abort();
     *static_cast<size_t*>(block) = 0;
     benchmark::DoNotOptimize(block);
-}
-
-// Makes the heap keep what is freed, as it does anyway in a process with other memory in use above.
-// Otherwise it hands its empty end to the system, and the system's time for pages is all that would
-// be seen.
-void keep_heap()
-{
-    mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 1024 * 1024 * 1024);
 }
 
 // ---- One block, allocated and freed again ----
@@ -355,7 +344,6 @@ bench::Work repeated(size_t count, Arena arena)
 void tag_row(Row& row, PSP_ALLOCATOR_TYPE type, size_t count, double goal)
 {
     const bench::Server server;
-    keep_heap();
     row.psp(repeated(count, [type](size_t blocks) { tag_arena(type, blocks); }));
 #ifdef PSP_HEAP_MIMALLOC
     row.peer("mimalloc", repeated(count, mimalloc_arena));
@@ -373,7 +361,6 @@ void tag_row(Row& row, PSP_ALLOCATOR_TYPE type, size_t count, double goal)
 void untouched(Row& row, size_t count)
 {
     const bench::Server server;
-    keep_heap();
     row.psp(repeated(count, [](size_t blocks) {
         const PSP_MEMTAG tag = new_tag(STACK_ALLOCATOR);
         for (size_t i = 0; i < blocks; ++i)
@@ -413,7 +400,6 @@ void by_tag(Row& row, bool in_order)
         if (!in_order)
             std::shuffle(blocks.begin(), blocks.end(), random);
     };
-    keep_heap();
     row.psp([tag](size_t) { psp_freeTagMem(tag, ZYN_FALSE, __FILE__, __LINE__); }, fill);
     row.peer(
         "one by one",
@@ -473,7 +459,6 @@ void resize(Row& row, size_t blocks)
 {
     const bench::Server server;
     const PSP_MEMTAG tag = new_tag(BLOCK_ALLOCATOR);
-    keep_heap();
     row.psp(growth(
         blocks,
         [tag](void* block, size_t size) {

@@ -89,6 +89,11 @@ void Row::batch(size_t n)
     batch_ = n;
 }
 
+void Row::longer(double factor)
+{
+    length_ = factor;
+}
+
 void Row::divide_by(double units)
 {
     units_ = units;
@@ -122,12 +127,14 @@ void Row::round(size_t n, size_t first)
 
 void Row::run()
 {
+    if (failed_)
+        return;
     for (auto _ : state_) {
         const size_t n = batch_ != 0 ? batch_ : calibrate();
         round(n, 0); // warms up
         for (Side& side : sides_)
             side.times.clear();
-        const auto end = Clock::now() + std::chrono::duration<double>(row_seconds());
+        const auto end = Clock::now() + std::chrono::duration<double>(length_ * row_seconds());
         for (size_t i = 0; i < ROUNDS || Clock::now() < end; ++i)
             round(n, i);
     }
@@ -156,10 +163,11 @@ void Row::report()
         if (side.goal != NO_GOAL)
             state_.counters["goal:" + side.name] = side.goal;
     }
-    if (best != 0)
+    if (best != 0) {
         state_.counters["ratio:best peer"] = best;
-    if (best_goal_ != NO_GOAL)
-        state_.counters["goal:best peer"] = best_goal_;
+        if (best_goal_ != NO_GOAL)
+            state_.counters["goal:best peer"] = best_goal_;
+    }
     if (own_goal_ != NO_GOAL)
         state_.counters["goal:itself"] = own_goal_;
     if (figures().contains(grows_from_)) {
@@ -170,6 +178,7 @@ void Row::report()
 
 void Row::fail(const std::string& why)
 {
+    failed_ = true;
     state_.SkipWithError(why.c_str());
 }
 

@@ -70,14 +70,18 @@ class Row {
     // Work of one batch. By default it grows until a batch of the library takes 50 microseconds.
     void batch(size_t n);
 
+    // Takes so many times the usual time, for a row whose batches fall into two kinds.
+    void longer(double factor);
+
     // What a time in nanoseconds is divided by to give the row's unit, when one unit of work is not
     // one unit of the row.
     void divide_by(double units);
 
-    // Measures for the row's time, at least seven rounds, and reports. A row calls it once, last.
+    // Measures for the row's time, at least seven rounds, and reports, unless the row has failed.
+    // A row calls it once, last.
     void run();
 
-    // The row cannot be measured.
+    // The row cannot be measured: it is reported with the reason in place of figures.
     void fail(const std::string& why);
 
   private:
@@ -96,7 +100,9 @@ class Row {
     double growth_goal_ = NO_GOAL;
     std::function<double()> clock_;
     size_t batch_ = 0;
+    double length_ = 1;
     double units_ = 1;
+    bool failed_ = false;
 };
 
 // Puts a row among the benchmarks, as "family/name".
