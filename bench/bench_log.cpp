@@ -1,7 +1,7 @@
 // Log lines against the two ways that programs have without the library: printing the time and the
-// message into a C stream that is flushed after each line, and a logger that is told to flush each
-// line. Everybody writes to descriptor 1, which leads into a file meanwhile, and to a log file of
-// their own where the row has one.
+// message, once, into C streams that are flushed after each line, and a logger that is told to
+// flush each line. Everybody writes to descriptor 1, which leads into a file meanwhile, and to a
+// log file of their own where the row has one.
 
 #include <cstdio>
 #include <cstdlib>
@@ -135,18 +135,24 @@ class PlainLog {
         for (size_t i = 0; i < lines; ++i) {
             const time_t now = time(nullptr);
             struct tm local;
-            char text[30];
-            strftime(text, sizeof text, "[%F %T]", localtime_r(&now, &local));
-            for (std::FILE* const file : {stdout, file_}) {
-                if (file == nullptr)
-                    continue;
-                std::fprintf(file, "%s  " MESSAGE, text, VALUES(i));
-                std::fflush(file);
-            }
+            char line[200];
+            const size_t begin =
+                strftime(line, sizeof line, "[%F %T]  ", localtime_r(&now, &local));
+            const int rest = std::snprintf(line + begin, sizeof line - begin, MESSAGE, VALUES(i));
+            const size_t length = begin + static_cast<size_t>(rest);
+            put(stdout, line, length);
+            if (file_ != nullptr)
+                put(file_, line, length);
         }
     }
 
   private:
+    static void put(std::FILE* file, const char* line, size_t length)
+    {
+        std::fwrite(line, 1, length, file);
+        std::fflush(file);
+    }
+
     std::FILE* file_;
 };
 
@@ -202,7 +208,8 @@ void compare(Row& row, bool with_file)
     row.batch(LINES);
     row.psp([&](size_t n) { own.write(n); }, Console::rewind);
     row.peer(
-        "fprintf, strftime and fflush", [&](size_t n) { plain.write(n); }, goal, Console::rewind);
+        "strftime, snprintf, fwrite and fflush", [&](size_t n) { plain.write(n); }, goal,
+        Console::rewind);
 #ifdef PSP_PEER_SPDLOG
     same = same && writes_messages<SpdLog>(console, log);
     const TextFile spd_file;

@@ -94,8 +94,9 @@ void real(bench::Row& row)
     row.peer(
         "GRand", [&](size_t n) { draw_all(n, [&] { return g_rand_double(all.glib); }); }, 0.8);
 #endif
-    row.peer("libstdc++, 32 bits",
-             [&](size_t n) { draw_all(n, [&] { return far::draw_double32(all.standard); }); });
+    row.peer(
+        "libstdc++, 32 bits",
+        [&](size_t n) { draw_all(n, [&] { return far::draw_double32(all.standard); }); }, 0.8);
     row.run();
 }
 

@@ -103,13 +103,12 @@ class AprMutex {
   public:
     AprMutex()
     {
-        apr_initialize();
         apr_pool_create(&pool_, nullptr);
         apr_thread_mutex_create(&mutex_, APR_THREAD_MUTEX_NESTED, pool_);
     }
     ~AprMutex()
     {
-        apr_terminate();
+        apr_pool_destroy(pool_); // the mutex goes with it
     }
     AprMutex(const AprMutex&) = delete;
     AprMutex& operator=(const AprMutex&) = delete;
@@ -219,6 +218,7 @@ void run_mutexes(Row& row, double goal)
     row.peer("pthread recursive", Use<SystemMutex>::work(), goal);
     row.peer("C++", Use<StandardMutex>::work());
 #ifdef PSP_PEER_APR
+    apr_initialize();
     row.peer("APR", Use<AprMutex>::work());
 #endif
 #ifdef PSP_PEER_GLIB
@@ -304,6 +304,7 @@ void nested_mutex(Row& row)
 void contended_mutex(Row& row)
 {
     row.batch(20'000);
+    row.longer(5); // a batch is quick or slow, as the threads meet
     run_mutexes<Contended>(row, 1.2);
 }
 
@@ -476,6 +477,7 @@ void ping_pong(Row& row)
     Partner<SystemEvent> system;
     Partner<StandardEvent> standard;
     row.batch(200);
+    row.longer(5); // a batch is quick or slow, as the threads share processors or do not
     row.psp(library.work());
     row.peer("condition variable", system.work(), 1.0);
     row.peer("C++", standard.work());
