@@ -130,6 +130,10 @@ struct StdStream {
     {
         return std::getc(file);
     }
+    int getc_unlocked() const
+    {
+        return ::getc_unlocked(file);
+    }
     const char* getline()
     {
         return ::getline(&line, &size, file) >= 0 ? line : nullptr;
@@ -149,20 +153,47 @@ struct StdStream {
     }
 };
 
+// What every row has: the library, a file, and a stream of either kind that leads to it.
+struct Streams {
+    const Server server{};
+    const TextFile file{};
+    PspStream own{};
+    StdStream other{};
+
+    Prepare own_opener(const char* mode, PSP_FILE_MODE fmode = PSP_FILE_MODE_UTF8)
+    {
+        return [this, mode, fmode] { own.open(file.name(), mode, fmode); };
+    }
+    Prepare other_opener(const char* mode)
+    {
+        return [this, mode] { other.open(file.name(), mode); };
+    }
+
+    // What is in the file after a side's work.
+    std::string written(const Prepare& open, const Prepare& work) const
+    {
+        open();
+        work();
+        return file.contents();
+    }
+};
+
 // ---- What a batch does with a stream ----
 
-template <class Stream>
-std::string read_by_characters(Stream& stream, size_t n)
+template <class Get>
+std::string read_by_characters(const Prepare& open, size_t n, Get get)
 {
+    open();
     std::string text(n, '\0');
     for (char& byte : text)
-        byte = static_cast<char>(stream.getc());
+        byte = static_cast<char>(get());
     return text;
 }
 
 template <class Stream>
-std::string read_by_lines(Stream& stream)
+std::string read_by_lines(const Prepare& open, Stream& stream)
 {
+    open();
     std::string text;
     while (const char* const line = stream.getline())
         text += line;
@@ -189,44 +220,47 @@ void put_lines(Stream& stream, const std::vector<std::string>& lines)
 
 // ---- Reading ----
 
+// The library leaves it to the caller that threads take turns with a stream, as getc_unlocked does;
+// getc, which takes a lock for each character, is what programs write.
 void read_character(Row& row)
 {
-    const Server server;
-    const TextFile file;
+    Streams streams;
     const std::string text = joined(lines_of(ASCII_TAIL));
-    file.fill(text);
-    PspStream own;
-    StdStream other;
-    own.open(file.name(), "r");
-    other.open(file.name(), "r");
-    if (read_by_characters(own, text.size()) != text ||
-        read_by_characters(other, text.size()) != text)
-        return row.fail("the text was not read");
-
-    const auto read = [](const auto& stream, size_t n) {
-        int sum = 0;
-        for (; n != 0; --n)
-            sum += stream.getc();
-        benchmark::DoNotOptimize(sum);
+    streams.file.fill(text);
+    const auto open_own = streams.own_opener("r");
+    const auto open_other = streams.other_opener("r");
+    bool same = true;
+    const auto reading = [&](const Prepare& open, auto get) -> Work {
+        same = same && read_by_characters(open, text.size(), get) == text;
+        return [get](size_t n) {
+            int sum = 0;
+            for (; n != 0; --n)
+                sum += get();
+            benchmark::DoNotOptimize(sum);
+        };
     };
+    const PspStream& own = streams.own;
+    const StdStream& other = streams.other;
+
     row.batch(text.size());
-    row.psp([&](size_t n) { read(own, n); }, [&] { own.open(file.name(), "r"); });
-    row.peer(
-        "getc", [&](size_t n) { read(other, n); }, 0.8, [&] { other.open(file.name(), "r"); });
+    row.psp(reading(open_own, [&own] { return own.getc(); }), open_own);
+    row.peer("getc", reading(open_other, [&other] { return other.getc(); }), 0.8, open_other);
+    row.peer("getc_unlocked", reading(open_other, [&other] { return other.getc_unlocked(); }),
+             NO_GOAL, open_other);
+    if (!same)
+        return row.fail("the text was not read");
     row.run();
 }
 
 void read_line(Row& row)
 {
-    const Server server;
-    const TextFile file;
+    Streams streams;
     const std::string text = joined(lines_of(ASCII_TAIL));
-    file.fill(text);
-    PspStream own;
-    StdStream other;
-    own.open(file.name(), "r");
-    other.open(file.name(), "r");
-    if (read_by_lines(own) != text || read_by_lines(other) != text)
+    streams.file.fill(text);
+    const auto open_own = streams.own_opener("r");
+    const auto open_other = streams.other_opener("r");
+    if (read_by_lines(open_own, streams.own) != text ||
+        read_by_lines(open_other, streams.other) != text)
         return row.fail("the text was not read");
 
     const auto read = [](auto& stream, size_t n) {
@@ -235,9 +269,9 @@ void read_line(Row& row)
     };
     row.batch(LINES);
     row.divide_by(static_cast<double>(text.size()) / LINES);
-    row.psp([&](size_t n) { read(own, n); }, [&] { own.open(file.name(), "r"); });
+    row.psp([&](size_t n) { read(streams.own, n); }, open_own);
     row.peer(
-        "getline", [&](size_t n) { read(other, n); }, 1.2, [&] { other.open(file.name(), "r"); });
+        "getline", [&](size_t n) { read(streams.other, n); }, 1.2, open_other);
     row.run();
 }
 
@@ -245,51 +279,39 @@ void read_line(Row& row)
 
 void put_string(Row& row)
 {
-    const Server server;
-    const TextFile file;
+    Streams streams;
     const std::vector<std::string> lines = lines_of(ASCII_TAIL);
     const std::string text = joined(lines);
-    PspStream own;
-    StdStream other;
-    const auto open_own = [&] { own.open(file.name(), "w"); };
-    const auto open_other = [&] { other.open(file.name(), "w"); };
-    open_own();
-    put_lines(own, lines);
-    const bool same = file.contents() == text;
-    open_other();
-    put_lines(other, lines);
-    if (!same || file.contents() != text)
+    const auto open_own = streams.own_opener("w");
+    const auto open_other = streams.other_opener("w");
+    const auto put_own = [&] { put_lines(streams.own, lines); };
+    const auto put_other = [&] { put_lines(streams.other, lines); };
+    if (streams.written(open_own, put_own) != text ||
+        streams.written(open_other, put_other) != text)
         return row.fail("the text was not written");
 
     row.batch(1);
     row.divide_by(static_cast<double>(text.size()));
-    row.psp([&](size_t) { put_lines(own, lines); }, open_own);
+    row.psp([&](size_t) { put_own(); }, open_own);
     row.peer(
-        "fputs", [&](size_t) { put_lines(other, lines); }, 1.6, open_other);
+        "fputs", [&](size_t) { put_other(); }, 1.6, open_other);
     row.run();
 }
 
 void print(Row& row)
 {
-    const Server server;
-    const TextFile file;
-    PspStream own;
-    StdStream other;
-    const auto open_own = [&] { own.open(file.name(), "w"); };
-    const auto open_other = [&] { other.open(file.name(), "w"); };
-    open_own();
-    print_lines(own, LINES);
-    const std::string text = file.contents();
-    open_other();
-    print_lines(other, LINES);
-    if (file.contents() != text)
+    Streams streams;
+    const auto open_own = streams.own_opener("w");
+    const auto open_other = streams.other_opener("w");
+    const std::string text = streams.written(open_own, [&] { print_lines(streams.own, LINES); });
+    if (streams.written(open_other, [&] { print_lines(streams.other, LINES); }) != text)
         return row.fail("the two sides print different texts");
 
     row.batch(LINES);
     row.divide_by(static_cast<double>(text.size()) / LINES);
-    row.psp([&](size_t n) { print_lines(own, n); }, open_own);
+    row.psp([&](size_t n) { print_lines(streams.own, n); }, open_own);
     row.peer(
-        "fprintf", [&](size_t n) { print_lines(other, n); }, 1.0, open_other);
+        "fprintf", [&](size_t n) { print_lines(streams.other, n); }, 1.0, open_other);
     row.run();
 }
 
@@ -309,6 +331,12 @@ class Converter {
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
 
+    // Ready for another text.
+    void reset()
+    {
+        iconv(state_, nullptr, nullptr, nullptr, nullptr);
+    }
+
     // Converts what is whole of `from`; moves it forward. The number of bytes made.
     size_t convert(char** from, size_t* left, char* to, size_t room)
     {
@@ -323,13 +351,11 @@ class Converter {
 
 // Hands the file's text to `take`, a part at a time.
 template <class Take>
-void read_converted(std::FILE* file, Take take)
+void read_converted(std::FILE* file, Converter& converter, Take take)
 {
-    Converter converter("UTF-8", "UTF-16LE");
     char units[4096];
     char text[3 * sizeof units / 2];
     size_t kept = 0; // a piece of a character
-    std::fseek(file, 2, SEEK_SET);
     for (;;) {
         const size_t count = std::fread(units + kept, 1, sizeof units - kept, file);
         if (count == 0)
@@ -342,10 +368,8 @@ void read_converted(std::FILE* file, Take take)
     }
 }
 
-void write_converted(std::FILE* file, const std::vector<std::string>& lines)
+void write_converted(std::FILE* file, Converter& converter, const std::vector<std::string>& lines)
 {
-    Converter converter("UTF-16LE", "UTF-8");
-    std::fwrite("\xFF\xFE", 1, 2, file);
     for (const std::string& line : lines) {
         char units[4096];
         char* from = const_cast<char*>(line.data());
@@ -363,22 +387,29 @@ void read_decoded(PSP_FILE_STREAM stream, Take take)
         take(text, strlen(text));
 }
 
+// The marks at the beginning are read and written by whoever opens a file, on both sides.
 void read_utf16(Row& row, const char* tail)
 {
-    const Server server;
-    const TextFile file;
+    Streams streams;
     const std::vector<std::string> lines = lines_of(tail);
     const std::string text = joined(lines);
-    PspStream own;
-    StdStream other;
-    own.open(file.name(), "w", PSP_FILE_MODE_UTF16);
-    put_lines(own, lines);
+    streams.own_opener("w", PSP_FILE_MODE_UTF16)();
+    put_lines(streams.own, lines);
 
+    Converter converter("UTF-8", "UTF-16LE");
+    const auto open_own = streams.own_opener("r");
+    const auto open_other = [&] {
+        streams.other.open(streams.file.name(), "r");
+        std::fseek(streams.other.file, 2, SEEK_SET);
+        converter.reset();
+    };
     std::string got_own, got_other;
-    own.open(file.name(), "r");
-    read_decoded(own.file, [&](const char* part, size_t len) { got_own.append(part, len); });
-    other.open(file.name(), "r");
-    read_converted(other.file, [&](const char* part, size_t len) { got_other.append(part, len); });
+    open_own();
+    read_decoded(streams.own.file,
+                 [&](const char* part, size_t len) { got_own.append(part, len); });
+    open_other();
+    read_converted(streams.other.file, converter,
+                   [&](const char* part, size_t len) { got_other.append(part, len); });
     if (got_own != text || got_other != text)
         return row.fail("the text was not read");
 
@@ -386,36 +417,35 @@ void read_utf16(Row& row, const char* tail)
     const auto count = [&](const char*, size_t len) { sum += len; };
     row.batch(1);
     row.divide_by(static_cast<double>(text.size()));
-    row.psp([&](size_t) { read_decoded(own.file, count); }, [&] { own.open(file.name(), "r"); });
+    row.psp([&](size_t) { read_decoded(streams.own.file, count); }, open_own);
     row.peer(
-        "iconv and fread", [&](size_t) { read_converted(other.file, count); }, 0.8,
-        [&] { other.open(file.name(), "r"); });
+        "iconv and fread", [&](size_t) { read_converted(streams.other.file, converter, count); },
+        0.8, open_other);
     row.run();
     benchmark::DoNotOptimize(sum);
 }
 
 void write_utf16(Row& row, const char* tail)
 {
-    const Server server;
-    const TextFile file;
+    Streams streams;
     const std::vector<std::string> lines = lines_of(tail);
-    PspStream own;
-    StdStream other;
-    const auto open_own = [&] { own.open(file.name(), "w", PSP_FILE_MODE_UTF16); };
-    const auto open_other = [&] { other.open(file.name(), "w"); };
-    open_own();
-    put_lines(own, lines);
-    const std::string text = file.contents();
-    open_other();
-    write_converted(other.file, lines);
-    if (file.contents() != text)
+    Converter converter("UTF-16LE", "UTF-8");
+    const auto open_own = streams.own_opener("w", PSP_FILE_MODE_UTF16);
+    const auto open_other = [&] {
+        streams.other.open(streams.file.name(), "w");
+        std::fwrite("\xFF\xFE", 1, 2, streams.other.file);
+        converter.reset();
+    };
+    const auto write_own = [&] { put_lines(streams.own, lines); };
+    const auto write_other = [&] { write_converted(streams.other.file, converter, lines); };
+    if (streams.written(open_own, write_own) != streams.written(open_other, write_other))
         return row.fail("the two sides write different files");
 
     row.batch(1);
     row.divide_by(static_cast<double>(joined(lines).size()));
-    row.psp([&](size_t) { put_lines(own, lines); }, open_own);
+    row.psp([&](size_t) { write_own(); }, open_own);
     row.peer(
-        "iconv and fwrite", [&](size_t) { write_converted(other.file, lines); }, 0.8, open_other);
+        "iconv and fwrite", [&](size_t) { write_other(); }, 0.8, open_other);
     row.run();
 }
 
