@@ -12,6 +12,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #ifdef PSP_PEER_GLIB
@@ -81,6 +82,11 @@ class Iconv {
     }
     Iconv(const Iconv&) = delete;
     Iconv& operator=(const Iconv&) = delete;
+
+    char* room()
+    {
+        return room_.data();
+    }
 
     size_t convert(const std::string& text)
     {
@@ -158,19 +164,45 @@ struct Turn {
     }
 };
 
-// A peer's pass over the text, which is to give `expected`.
-template <class Pass>
-void add_peer(Row& row, const char* name, size_t expected, Pass pass)
+// The first characters, of which the one behind the last is the terminating 0.
+std::string_view bytes_of(const std::wstring& wide, size_t chars)
 {
-    if (pass() != expected)
+    return {reinterpret_cast<const char*>(wide.c_str()), chars * sizeof(wchar_t)};
+}
+
+// What every pass is to give, and the bytes that it is to leave, if any.
+struct Expected {
+    size_t result;
+    std::string_view bytes{};
+};
+
+// Whether a pass does, into memory that it has not been given before.
+template <class Pass>
+bool gives(Pass pass, Expected expected, void* made)
+{
+    const std::string_view bytes = expected.bytes;
+    if (made == nullptr)
+        return pass() == expected.result;
+    std::memset(made, '?', bytes.size());
+    return pass() == expected.result && std::memcmp(made, bytes.data(), bytes.size()) == 0;
+}
+
+// A peer's pass over the text.
+template <class Pass>
+void add_peer(Row& row, const char* name, Expected expected, Pass pass, void* made = nullptr)
+{
+    if (!gives(pass, expected, made))
         row.fail(std::string(name) + " gives another result");
     const Turn<Pass> turn{pass};
     row.peer(name, turn, bench::NO_GOAL, turn.first());
 }
 
 template <class Pass>
-void run(Row& row, const Script& script, size_t size, Pass pass)
+void run(Row& row, const Script& script, size_t size, Expected expected, Pass pass,
+         void* made = nullptr)
 {
+    if (!gives(pass, expected, made))
+        row.fail("the library gives another result");
     const Turn<Pass> turn{pass};
     row.psp(turn, turn.first());
     row.divide_by(static_cast<double>(size) / 1024);
@@ -182,7 +214,7 @@ void count(Row& row, const Script& script, size_t size)
 {
     const Utf8Locale locale;
     const std::string text = text_of(script, size);
-    const size_t chars = psp_countUTF8chars(text.data(), size, PSP_UTF8_ERROR_BREAK);
+    const Expected chars{mbs_to_wide(nullptr, text)};
     add_peer(row, "mbsrtowcs", chars, [&] { return mbs_to_wide(nullptr, text); });
 #ifdef PSP_PEER_GLIB
     add_peer(row, "GLib, unchecked", chars, [&] {
@@ -193,80 +225,117 @@ void count(Row& row, const Script& script, size_t size)
     add_peer(row, "ICU U8_NEXT", chars, [&] { return next_by_next(nullptr, text); });
 #endif
     row.at_most(script.count_ns);
-    run(row, script, size,
+    run(row, script, size, chars,
         [&] { return psp_countUTF8chars(text.data(), size, PSP_UTF8_ERROR_BREAK); });
 }
+
+#ifdef PSP_PEER_GLIB
+// GLib makes the memory as well.
+template <class Make>
+void add_glib(Row& row, const char* name, Expected expected, Make make)
+{
+    const auto same = [&] {
+        glong written = 0;
+        gunichar* const made = make(&written);
+        const bool right =
+            sizeof(gunichar) * static_cast<size_t>(written) == expected.bytes.size() &&
+            std::memcmp(made, expected.bytes.data(), expected.bytes.size()) == 0;
+        g_free(made);
+        return right;
+    };
+    if (!same())
+        row.fail(std::string(name) + " makes other characters");
+    add_peer(row, name, {expected.result}, [make] {
+        glong written = 0;
+        g_free(make(&written));
+        return static_cast<size_t>(written);
+    });
+}
+#endif
 
 void widen(Row& row, const Script& script, size_t size)
 {
     const Utf8Locale locale;
     const std::string text = text_of(script, size);
-    const size_t chars = psp_countUTF8chars(text.data(), size, PSP_UTF8_ERROR_BREAK);
+    std::wstring wide(size + 1, L'\0');
+    wide.resize(mbs_to_wide(wide.data(), text));
+    const Expected chars{wide.size(), bytes_of(wide, wide.size())};
+    const Expected terminated{wide.size() + 1, bytes_of(wide, wide.size() + 1)};
     std::vector<wchar_t> dest(size + 1);
-    add_peer(row, "mbsrtowcs", chars, [&] { return mbs_to_wide(dest.data(), text); });
+    add_peer(
+        row, "mbsrtowcs", chars, [&] { return mbs_to_wide(dest.data(), text); }, dest.data());
     Iconv iconv("WCHAR_T", 4 * size);
-    add_peer(row, "iconv", 4 * chars, [&] { return iconv.convert(text); });
+    add_peer(
+        row, "iconv", {chars.bytes.size(), chars.bytes}, [&] { return iconv.convert(text); },
+        iconv.room());
 #ifdef PSP_PEER_GLIB
-    add_peer(row, "GLib", chars, [&] {
-        glong written = 0;
-        g_free(g_utf8_to_ucs4(text.data(), static_cast<glong>(size), nullptr, &written, nullptr));
-        return static_cast<size_t>(written);
+    const auto length = static_cast<glong>(size);
+    add_glib(row, "GLib", chars, [&](glong* written) {
+        return g_utf8_to_ucs4(text.data(), length, nullptr, written, nullptr);
     });
-    add_peer(row, "GLib, unchecked", chars, [&] {
-        glong written = 0;
-        g_free(g_utf8_to_ucs4_fast(text.data(), static_cast<glong>(size), &written));
-        return static_cast<size_t>(written);
-    });
+    add_glib(row, "GLib, unchecked", chars,
+             [&](glong* written) { return g_utf8_to_ucs4_fast(text.data(), length, written); });
 #endif
 #ifdef PSP_PEER_ICU
-    add_peer(row, "ICU U8_NEXT", chars, [&] { return next_by_next(dest.data(), text); });
+    add_peer(
+        row, "ICU U8_NEXT", chars, [&] { return next_by_next(dest.data(), text); }, dest.data());
     std::vector<UChar> units(size + 1);
     int32_t expected = 0;
     UErrorCode error = U_ZERO_ERROR;
     u_strFromUTF8(nullptr, 0, &expected, text.data(), static_cast<int32_t>(size), &error);
-    add_peer(row, "ICU to UTF-16", static_cast<size_t>(expected), [&] {
-        int32_t length = 0;
+    add_peer(row, "ICU to UTF-16", {static_cast<size_t>(expected)}, [&] {
+        int32_t made = 0;
         UErrorCode status = U_ZERO_ERROR;
-        u_strFromUTF8(units.data(), static_cast<int32_t>(units.size()), &length, text.data(),
+        u_strFromUTF8(units.data(), static_cast<int32_t>(units.size()), &made, text.data(),
                       static_cast<int32_t>(size), &status);
-        return static_cast<size_t>(length);
+        return static_cast<size_t>(made);
     });
 #endif
-    run(row, script, size, [&] {
-        return psp_utf8_to_wchar_len(dest.data(), dest.size(), text.data(), size,
-                                     PSP_UTF8_ERROR_BREAK);
-    });
+    run(
+        row, script, size, terminated,
+        [&] {
+            return psp_utf8_to_wchar_len(dest.data(), dest.size(), text.data(), size,
+                                         PSP_UTF8_ERROR_BREAK);
+        },
+        dest.data());
 }
 
 void copy(Row& row, const Script& script, size_t size)
 {
     const std::string text = text_of(script, size);
+    const Expected same{size, text};
     std::vector<char> dest(size);
     Iconv iconv("UTF-8", size);
-    add_peer(row, "iconv", size, [&] { return iconv.convert(text); });
+    add_peer(
+        row, "iconv", same, [&] { return iconv.convert(text); }, iconv.room());
 #ifdef PSP_PEER_GLIB
-    add_peer(row, "GLib check and memcpy", size, [&] {
+    const auto check_and_copy = [&] {
         if (!g_utf8_validate(text.data(), static_cast<gssize>(size), nullptr))
             return size_t{0};
         std::memcpy(dest.data(), text.data(), size);
         benchmark::ClobberMemory();
         return size;
-    });
+    };
+    add_peer(row, "GLib check and memcpy", same, check_and_copy, dest.data());
 #endif
 #ifdef PSP_PEER_ICU
-    add_peer(row, "ICU U8_NEXT and memcpy", size, [&] {
+    const auto read_and_copy = [&] {
         if (next_by_next(nullptr, text) == 0)
             return size_t{0};
         std::memcpy(dest.data(), text.data(), size);
         benchmark::ClobberMemory();
         return size;
-    });
+    };
+    add_peer(row, "ICU U8_NEXT and memcpy", same, read_and_copy, dest.data());
 #endif
-    run(row, script, size, [&] {
-        size_t chars = 0;
-        return psp_copyUTF8Chars(dest.data(), size, text.data(), size, &chars,
-                                 PSP_UTF8_ERROR_BREAK);
-    });
+    run(
+        row, script, size, same,
+        [&] {
+            size_t chars = 0;
+            return psp_copyUTF8Chars(dest.data(), size, text.data(), size, &chars,
+                                     PSP_UTF8_ERROR_BREAK);
+        },
+        dest.data());
 }
 
 struct Utf8Rows {
