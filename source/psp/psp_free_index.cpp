@@ -383,19 +383,18 @@ void renumber_pushes(FREE_INDEX& index, LIST_CHUNK_HDR* chunk)
     }
 }
 
+// Ranks begin anew: they save time, and decide nothing.
 void relabel(LIST_CHUNK_HDR* chunk, uint32_t label)
 {
     chunk->label = label;
     visit_free_blocks(chunk, [chunk](LIST_HDR* block) {
         if (block->size == 0)
             return;
-        const uint64_t rank = rank_of(block);
         LIST_HDR* const links[] = {get(block, FREE_LESS), get(block, FREE_MORE),
                                    get(block, FREE_CHILD)};
         make_node(block, order_in(chunk, free_index_push(block)));
         for (uint32_t i = 0; i < 3; ++i)
             set(block, static_cast<NODE_LINK>(i), links[i]);
-        set_rank(block, rank);
     });
 }
 

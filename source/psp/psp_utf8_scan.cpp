@@ -134,7 +134,22 @@ constinit const std::array<const UTF8_VARIANT*, 3> psp_utf8_variants{
 
 constinit const UTF8_VARIANT* psp_utf8_chosen = nullptr;
 
-// The registers that the system saves, by the bits of XCR0.
+size_t psp_utf8_supported_by(const UTF8_PROCESSOR& processor)
+{
+    constexpr uint32_t base = bit_OSXSAVE | bit_AVX | bit_POPCNT;
+    constexpr uint32_t avx_registers = 0x06; // SSE and AVX
+    constexpr uint32_t avx512 = bit_AVX512F | bit_AVX512BW;
+    constexpr uint32_t avx512_bytes = bit_AVX512VBMI | bit_AVX512VBMI2;
+    constexpr uint32_t avx512_registers = 0xE0;
+    const auto has = [](uint32_t bits, uint32_t wanted) { return (bits & wanted) == wanted; };
+    if (!has(processor.ecx1, base) || !has(processor.saved, avx_registers) ||
+        !has(processor.ebx7, bit_AVX2))
+        return 1;
+    const bool wide = has(processor.saved, avx512_registers) && has(processor.ebx7, avx512) &&
+                      has(processor.ecx7, avx512_bytes);
+    return wide ? 3 : 2;
+}
+
 static uint32_t saved_registers()
 {
     uint32_t low, high;
@@ -146,21 +161,12 @@ static uint32_t saved_registers()
 // whenever a program starts.
 size_t psp_utf8_supported()
 {
-    constexpr uint32_t base = bit_OSXSAVE | bit_AVX | bit_POPCNT;
-    constexpr uint32_t avx_registers = 0x06; // SSE and AVX
-    constexpr uint32_t avx512 = bit_AVX512F | bit_AVX512BW;
-    constexpr uint32_t avx512_bytes = bit_AVX512VBMI | bit_AVX512VBMI2;
-    constexpr uint32_t avx512_registers = 0xE0;
-    uint32_t eax, ebx, ecx, edx;
-    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx) || (ecx & base) != base)
-        return 1;
-    const uint32_t saved = saved_registers();
-    if ((saved & avx_registers) != avx_registers ||
-        !__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) || (ebx & bit_AVX2) == 0)
-        return 1;
-    const bool wide = (saved & avx512_registers) == avx512_registers && (ebx & avx512) == avx512 &&
-                      (ecx & avx512_bytes) == avx512_bytes;
-    return wide ? 3 : 2;
+    UTF8_PROCESSOR processor{};
+    uint32_t eax, ebx, edx;
+    __get_cpuid(1, &eax, &ebx, &processor.ecx1, &edx);
+    __get_cpuid_count(7, 0, &eax, &processor.ebx7, &processor.ecx7, &edx);
+    processor.saved = (processor.ecx1 & bit_OSXSAVE) != 0 ? saved_registers() : 0;
+    return psp_utf8_supported_by(processor);
 }
 
 const UTF8_VARIANT* psp_utf8_choose()

@@ -39,6 +39,16 @@ extern const UTF8_VARIANT psp_utf8_avx512;
 extern const std::array<const UTF8_VARIANT*, 3> psp_utf8_variants;
 size_t psp_utf8_supported();
 
+// What a processor says of itself, and which registers the system saves (the bits of XCR0).
+struct UTF8_PROCESSOR {
+    uint32_t ecx1; // of leaf 1
+    uint32_t ebx7; // of leaf 7
+    uint32_t ecx7;
+    uint32_t saved;
+};
+
+size_t psp_utf8_supported_by(const UTF8_PROCESSOR& processor);
+
 // The variant in use; null until somebody asks. Threads may choose at once: they choose the same.
 extern const UTF8_VARIANT* psp_utf8_chosen;
 const UTF8_VARIANT* psp_utf8_choose();

@@ -308,6 +308,21 @@ struct Line {
     }
 };
 
+TEST_F(StreamLine, ReadsNothingIntoABufferSaidToHaveTwoGigabytes)
+{
+    const TempDir dir;
+    write_file(dir / "f", "a\n");
+    Stream stream(dir / "f", "r");
+    char small[4] = "xyz";
+    char* buf = small;
+    uint32_t len = 0x80000000;
+    EXPECT_EQ(psp_fGetLine(stream, &buf, &len, PSP_GLOBAL_TAG), nullptr);
+    EXPECT_EQ(buf, small);
+    EXPECT_EQ(len, 0x80000000);
+    EXPECT_STREQ(small, "xyz");
+    EXPECT_EQ(read_all(stream), "a\n");
+}
+
 TEST_F(StreamLine, RefusesMissingArguments)
 {
     const TempDir dir;

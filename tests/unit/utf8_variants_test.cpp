@@ -421,6 +421,24 @@ TEST(Utf8Choice, FollowsWhatTheCompilerKnowsOfTheProcessor)
                                             __builtin_cpu_supports("avx512vbmi2") != 0);
 }
 
+TEST(Utf8Choice, NeedsEveryInstructionAndTheRegistersSaved)
+{
+    constexpr std::uint32_t all = 0xFFFFFFFF;
+    EXPECT_EQ(psp_utf8_supported_by({all, all, all, all}), 3u);
+    EXPECT_EQ(psp_utf8_supported_by({0, 0, 0, 0}), 1u);
+    for (const unsigned bit : {23u, 27u, 28u}) // POPCNT, OSXSAVE, AVX
+        EXPECT_EQ(psp_utf8_supported_by({all ^ 1u << bit, all, all, all}), 1u) << bit;
+    EXPECT_EQ(psp_utf8_supported_by({all, all ^ 1u << 5, all, all}), 1u); // AVX2
+    for (const unsigned bit : {1u, 2u})
+        EXPECT_EQ(psp_utf8_supported_by({all, all, all, all ^ 1u << bit}), 1u) << bit;
+    for (const unsigned bit : {16u, 30u}) // AVX512F, AVX512BW
+        EXPECT_EQ(psp_utf8_supported_by({all, all ^ 1u << bit, all, all}), 2u) << bit;
+    for (const unsigned bit : {1u, 6u}) // VBMI, VBMI2
+        EXPECT_EQ(psp_utf8_supported_by({all, all, all ^ 1u << bit, all}), 2u) << bit;
+    for (const unsigned bit : {5u, 6u, 7u})
+        EXPECT_EQ(psp_utf8_supported_by({all, all, all, all ^ 1u << bit}), 2u) << bit;
+}
+
 TEST(Utf8Choice, IsOneForThreadsThatMakeItAtOnce)
 {
     psp_utf8_chosen = nullptr;
