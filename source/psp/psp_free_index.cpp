@@ -495,7 +495,7 @@ LIST_HDR* free_index_empty(const LIST_CHUNK_HDR* chunk, uint32_t place)
 {
     if (place == 0)
         return nullptr;
-    return list_block_at(list_first_block(chunk), (place - FRONT) * LIST_UNIT);
+    return list_block_at(list_first_block(chunk), size_t{place - FRONT} * LIST_UNIT);
 }
 
 BLOCK_ORDER free_index_order(const LIST_HDR* block)

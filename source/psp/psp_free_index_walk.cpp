@@ -21,7 +21,7 @@ bool is_free_block_of(const LIST_CHUNK_HDR* chunk, const LIST_HDR* ptr)
     const LIST_HDR* block = list_first_block(chunk);
     while (block && block < ptr)
         block = list_upper(block);
-    return block == ptr && list_is_free(ptr);
+    return block && block == ptr && list_is_free(block);
 }
 
 const LIST_CHUNK_HDR* chunk_of_free_block(const LIST_ALLOCATOR_ENTRY* alctr, const LIST_HDR* ptr)

@@ -112,7 +112,7 @@ size_t putPlain(PSP_FILE_CACHE_CTX* cache, const char* bytes, size_t len)
                          _mm_unpacklo_epi8(part, _mm_setzero_si128()));
     }
     for (; n < most && static_cast<uint8_t>(bytes[n]) < 0x80; ++n) {
-        const auto unit = static_cast<uint16_t>(bytes[n]);
+        const uint16_t unit = static_cast<uint8_t>(bytes[n]);
         memcpy(to + UNIT * n, &unit, UNIT);
     }
     if (n != 0)
