@@ -66,8 +66,9 @@ PSP_API void psp_syncResume(PSP_SEM sem);
 /**
  * Waits until an event is signalled.
  * @param sem     the event
- * @param timeout milliseconds to wait at most, or ::PSP_SYNC_FOREVER. A wake-up that finds the
- *                event reset starts the time afresh, so the whole wait may take longer.
+ * @param timeout milliseconds to wait at most, or ::PSP_SYNC_FOREVER; 0 looks at the event and does
+ *                not sleep. A wake-up that finds the event reset starts the time afresh, so the
+ *                whole wait may take longer.
  * @return `sOKAY` when the event was signalled, `sTIMEOUT` when the time ran out, `ePSP_FAILURE`
  *         when the library is not initialised
  */

@@ -3,7 +3,8 @@
 //
 // Nobody else may work on what is walked. The walk follows a link only after it has seen that the
 // link leads into memory of the allocator's own, as far as anything tells that; it changes nothing
-// and allocates nothing. Its cost grows with the square of the free blocks of a list chunk.
+// and allocates nothing. Its cost grows with the free blocks of a list allocator times all of its
+// blocks.
 #pragma once
 
 #include "psp_mem_data_int.h"
