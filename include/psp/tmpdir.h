@@ -14,38 +14,55 @@
 
 PSP_BEGIN_DECLS
 
-/** The size of ::psp_usertmpdir, its terminator included. */
+/**
+ * @addtogroup tmpdir
+ * @{
+ */
+
+/** The size of ::psp_usertmpdir in bytes, its terminator included. */
 #define PSP_USERTMPDIR_SIZE 512
 
-/** The directory given to psp_setTmpDir(), empty when there is none. Read only. */
+/**
+ * The directory given to psp_setTmpDir(), empty when there is none. Read only.
+ * @threads{any, while none calls psp_setTmpDir()} @before{holds what psp_setTmpDir() was given}
+ */
 extern PSP_API char psp_usertmpdir[PSP_USERTMPDIR_SIZE];
 
 /**
- * The directory for temporary files. The first calls serialise their search on the critical
- * section (psp_enterCritSec()): do not call this from inside it.
+ * Tells the directory for temporary files, and chooses it if that is not done yet. Choosing creates
+ * and removes a file in each directory that it tries.
  * @param tag owner of the result
- * @return a new copy of the name, to be freed with psp_freeMem(); NULL when no directory will do
- *         (none does in read-only mode and without a disk, unless ZYN_TMPDIR is set or one was
- *         found before), memory is short, or the library is not started
+ * @return a new copy of the name, without a separator added at its end; NULL when no directory will
+ *         do (none does after psp_rdonly() and psp_nodisk(), unless ZYN_TMPDIR is set or one was
+ *         found before), memory is short, `tag` is NULL or the library is not started
+ * @threads{any, while none calls psp_setTmpDir(); choosing takes the critical section: do not call
+ * this from inside it (psp_enterCritSec())} @before{NULL} @jumps{by the tag; while choosing by the
+ * global tag as well, if psp_resetTag() gave it a buffer} @owner{the caller frees the name with
+ * psp_freeMem()}
  */
 PSP_API const char* psp_tmpdir(PSP_MEMTAG tag);
 
 /**
- * Sets the application's own directory; the next psp_tmpdir() chooses anew. Works before
- * psp_init() and lasts beyond psp_term(). Call it at start-up, before other threads ask.
+ * Sets the application's own directory; the next psp_tmpdir() chooses anew. Lasts beyond
+ * psp_term().
  * @param dir the directory, cut to 511 bytes if longer; it is not tried here. NULL takes the
  *            setting back.
- * @return `sOKAY`
+ * @retval sOKAY always
+ * @threads{one at a time, and none in psp_tmpdir() meanwhile: call it at start-up} @before{works}
+ * @jumps{never} @owner{the name is copied}
  */
 PSP_API ZYN_RETCODE psp_setTmpDir(const char* dir);
 
 /**
- * Whether a file can be created in a directory: creates one and removes it again.
+ * Tells whether a file can be created in a directory: creates one and removes it again.
  * @param dir the directory; names beyond about 470 bytes are cut in the trial. NULL gives
  *            ::ZYN_FALSE.
- * @return ::ZYN_TRUE or ::ZYN_FALSE (always in read-only mode and without a disk)
+ * @return ::ZYN_TRUE or ::ZYN_FALSE (always after psp_rdonly() and psp_nodisk())
+ * @threads{any} @before{::ZYN_FALSE} @jumps{never} @owner{nothing}
  */
 PSP_API ZYN_BOOL_T psp_dirWritable(const char* dir);
+
+/** @} */
 
 PSP_END_DECLS
 
