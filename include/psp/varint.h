@@ -1,28 +1,12 @@
 /**
  * @file varint.h
- * Variable-length integers: an unsigned 64-bit value in 1 to 9 bytes.
+ * Variable-length integers: an unsigned 64-bit value in 1 to 9 bytes, for data that is stored and
+ * sent.
  *
- * The format is meant for data that is stored and sent. There is exactly one encoding of a value,
- * its first byte tells its length, and encodings of equal length sort in the order of their values.
- * The first byte's mark is followed by P, the value less its length's first value, with the most
- * significant byte first:
- *
- *     bytes  first byte          values
- *       1    0xxxxxxx            0                  to 0x7F
- *       2    10xxxxxx            0x80               to 0x407F
- *       3    110xxxxx            0x4080             to 0x20407F
- *       4    11100xxx            0x204080           to 0x820407F
- *       5    11101xxx            0x8204080          to 0x80820407F
- *       6    11110xxx            0x808204080        to 0x8080820407F
- *       7    11111000            0x80808204080      to 0x108080820407F
- *       8    11111001            0x1080808204080    to 0x10108080820407F
- *       9    11111010            0x101080808204080  to 0xFFFFFFFFFFFFFFFF
- *
- * For a signed value encode psp_vintConvertToUnsigned() of it, and turn what was decoded back with
- * psp_vintConvertToSigned().
- *
- * The functions work before psp_init() and from any thread; callbacks run on the calling thread,
- * and may leave by a `longjmp`.
+ * There is exactly one encoding of a value, its first byte tells its length, and encodings compared
+ * byte by byte (`memcmp`) sort in the order of their values. The bytes go through a callback of the
+ * caller's, on the calling thread. For a signed value encode psp_vintConvertToUnsigned() of it, and
+ * turn what was decoded back with psp_vintConvertToSigned().
  */
 #ifndef PSP_VARINT_H
 #define PSP_VARINT_H
@@ -32,11 +16,19 @@
 PSP_BEGIN_DECLS
 
 /**
+ * @addtogroup varint
+ * @{
+ */
+
+/**
  * Encodes a value.
  * @param val the value
  * @param fcn called once for each byte, in order, until it fails
- * @param ctx its context
- * @return `sOKAY`, or the first other result of `fcn`; the bytes before it have been put out
+ * @param ctx its context, handed through
+ * @return the first result of `fcn` that is not `sOKAY`; the bytes before it have been put out
+ * @retval sOKAY all 1 to 9 bytes have been taken
+ * @threads{any, as far as `fcn` goes} @before{works} @jumps{only through the callback}
+ * @owner{nothing}
  */
 PSP_API ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN_OUTPUT_CTX ctx);
 
@@ -44,21 +36,39 @@ PSP_API ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN
  * Decodes a value.
  * @param fcn called once for each byte of the encoding, and never beyond it; it must not deliver a
  *            value above 255
- * @param ctx its context
+ * @param ctx its context, handed through
  * @param val receives the value on success, and is left alone on failure. A 9-byte encoding of
- *            more than 64 bits, which the encoder never makes, wraps around
- * @return `sOKAY`; `eINVVARINT` when the first byte begins no encoding (0xFB to 0xFF; nothing more
- *         is read); the first other result of `fcn`
+ *            more than 64 bits, which the encoder never makes, wraps around.
+ * @return the first result of `fcn` that is not `sOKAY`; the bytes before it are consumed
+ * @retval sOKAY      the value is stored
+ * @retval eINVVARINT the first byte begins no encoding (0xFB to 0xFF); nothing more is read
+ * @threads{any, as far as `fcn` goes} @before{works} @jumps{only through the callback}
+ * @owner{nothing}
  */
 PSP_API ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uintmax_t* val);
 
 /**
- * Decodes a value of 32 bits; see psp_vintDecodeUIntmax().
- * @return also `eRANGE` when the value does not fit; its encoding has been read then
+ * Decodes a value of 32 bits.
+ * @param fcn,ctx as for psp_vintDecodeUIntmax()
+ * @param val     receives the value on success, and is left alone on failure
+ * @return the first result of `fcn` that is not `sOKAY`; the bytes before it are consumed
+ * @retval sOKAY      the value is stored
+ * @retval eINVVARINT the first byte begins no encoding (0xFB to 0xFF); nothing more is read
+ * @retval eRANGE     the value is above 4294967295; its whole encoding has been read
+ * @threads{any, as far as `fcn` goes} @before{works} @jumps{only through the callback}
+ * @owner{nothing}
  */
 PSP_API ZYN_RETCODE psp_vintDecodeUInt32(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, uint32_t* val);
 
-/** Decodes a size; see psp_vintDecodeUIntmax(). */
+/**
+ * Decodes a size, which has the 64 bits of any other value.
+ * @param fcn,ctx,val as for psp_vintDecodeUIntmax()
+ * @return the first result of `fcn` that is not `sOKAY`; the bytes before it are consumed
+ * @retval sOKAY      the value is stored
+ * @retval eINVVARINT the first byte begins no encoding (0xFB to 0xFF); nothing more is read
+ * @threads{any, as far as `fcn` goes} @before{works} @jumps{only through the callback}
+ * @owner{nothing}
+ */
 PSP_API ZYN_RETCODE psp_vintDecodeSize_t(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t* val);
 
 /**
@@ -66,6 +76,7 @@ PSP_API ZYN_RETCODE psp_vintDecodeSize_t(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, s
  * become 0, 1, 2, 3, …
  * @param val any value
  * @return 2 `val` from 0 on, -2 `val` - 1 below
+ * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API uintmax_t psp_vintConvertToUnsigned(intmax_t val);
 
@@ -73,8 +84,11 @@ PSP_API uintmax_t psp_vintConvertToUnsigned(intmax_t val);
  * Undoes psp_vintConvertToUnsigned().
  * @param val any value
  * @return the signed value that maps to `val`
+ * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API intmax_t psp_vintConvertToSigned(uintmax_t val);
+
+/** @} */
 
 PSP_END_DECLS
 
