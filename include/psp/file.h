@@ -199,6 +199,7 @@ PSP_API ZYN_RETCODE psp_filePageOut(PSP_FH handle, PSP_FILE_OFFSET addr, uint32_
  * @param handle the handle
  * @param size   bytes to map; not used
  * @param pMap   the place for their address; left as it is, may be NULL
+ * @retval sOKAY           never on this platform
  * @retval eNOTIMPLEMENTED always but for NULL
  * @retval eINVNULLARG     `handle` is NULL
  * @threads{any} @before{`eINVNULLARG` for NULL; no other handle is alive} @jumps{never}
@@ -212,6 +213,7 @@ PSP_API ZYN_RETCODE psp_fileMap(PSP_FH handle, size_t size, void** pMap);
  * @param old_size,old_map  the mapping so far; not used
  * @param new_size          bytes to map; not used
  * @param pMap              the place for their address; left as it is, may be NULL
+ * @retval sOKAY           never on this platform
  * @retval eNOTIMPLEMENTED always but for NULL
  * @retval eINVNULLARG     `handle` is NULL
  * @threads{any} @before{`eINVNULLARG` for NULL; no other handle is alive} @jumps{never}
@@ -224,6 +226,7 @@ PSP_API ZYN_RETCODE psp_fileRemap(PSP_FH handle, size_t old_size, void* old_map,
  * Ends a mapping; not available on this platform.
  * @param handle   the handle
  * @param size,map the mapping; not used
+ * @retval sOKAY           never on this platform
  * @retval eNOTIMPLEMENTED always but for NULL
  * @retval eINVNULLARG     `handle` is NULL
  * @threads{any} @before{`eINVNULLARG` for NULL; no other handle is alive} @jumps{never}

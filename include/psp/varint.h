@@ -23,7 +23,7 @@ PSP_BEGIN_DECLS
 /**
  * Encodes a value.
  * @param val the value
- * @param fcn called once for each byte, in order, until it fails
+ * @param fcn called once for each byte, in order, until it fails; must not be NULL
  * @param ctx its context, handed through
  * @return the first result of `fcn` that is not `sOKAY`; the bytes before it have been put out
  * @retval sOKAY all 1 to 9 bytes have been taken
@@ -35,10 +35,10 @@ PSP_API ZYN_RETCODE psp_vintEncodeUIntmax(uintmax_t val, ZYN_OUTPUT_FCN fcn, ZYN
 /**
  * Decodes a value.
  * @param fcn called once for each byte of the encoding, and never beyond it; it must not deliver a
- *            value above 255
+ *            value above 255, and must not be NULL
  * @param ctx its context, handed through
- * @param val receives the value on success, and is left alone on failure. A 9-byte encoding of
- *            more than 64 bits, which the encoder never makes, wraps around.
+ * @param val receives the value on success, and is left alone on failure; must not be NULL. A
+ *            9-byte encoding of more than 64 bits, which the encoder never makes, wraps around.
  * @return the first result of `fcn` that is not `sOKAY`; the bytes before it are consumed
  * @retval sOKAY      the value is stored
  * @retval eINVVARINT the first byte begins no encoding (0xFB to 0xFF); nothing more is read
@@ -50,7 +50,7 @@ PSP_API ZYN_RETCODE psp_vintDecodeUIntmax(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, 
 /**
  * Decodes a value of 32 bits.
  * @param fcn,ctx as for psp_vintDecodeUIntmax()
- * @param val     receives the value on success, and is left alone on failure
+ * @param val     receives the value on success, and is left alone on failure; must not be NULL
  * @return the first result of `fcn` that is not `sOKAY`; the bytes before it are consumed
  * @retval sOKAY      the value is stored
  * @retval eINVVARINT the first byte begins no encoding (0xFB to 0xFF); nothing more is read
@@ -72,8 +72,8 @@ PSP_API ZYN_RETCODE psp_vintDecodeUInt32(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, u
 PSP_API ZYN_RETCODE psp_vintDecodeSize_t(ZYN_INPUT_FCN fcn, ZYN_INPUT_CTX ctx, size_t* val);
 
 /**
- * Maps a signed value to an unsigned one so that values near zero stay small: 0, -1, 1, -2, …
- * become 0, 1, 2, 3, …
+ * Maps a signed value to an unsigned one so that values near zero stay small: 0, -1, 1, -2 and so
+ * on become 0, 1, 2, 3 and so on.
  * @param val any value
  * @return 2 `val` from 0 on, -2 `val` - 1 below
  * @threads{any} @before{works} @jumps{never} @owner{nothing}
