@@ -107,7 +107,7 @@ PSP_API void psp_inputBuffReset(PSP_INPUTBUFF inBuff);
 PSP_API ZYN_RETCODE psp_inputBuffGetChar(PSP_INPUTBUFF inBuff, char* chval);
 
 /**
- * Gets a 16-bit integer; see psp_inputBuffGetChar().
+ * Gets a 16-bit integer. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param val    receives the number; may be NULL
  * @return the transport's code, unchanged, when it fails
@@ -118,7 +118,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetChar(PSP_INPUTBUFF inBuff, char* chval);
 PSP_API ZYN_RETCODE psp_inputBuffGetInt16(PSP_INPUTBUFF inBuff, int16_t* val);
 
 /**
- * Gets a 32-bit integer; see psp_inputBuffGetChar().
+ * Gets a 32-bit integer. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param val    receives the number; may be NULL
  * @return the transport's code, unchanged, when it fails
@@ -129,7 +129,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetInt16(PSP_INPUTBUFF inBuff, int16_t* val);
 PSP_API ZYN_RETCODE psp_inputBuffGetInt32(PSP_INPUTBUFF inBuff, int32_t* val);
 
 /**
- * Gets a 64-bit integer; see psp_inputBuffGetChar().
+ * Gets a 64-bit integer. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param val    receives the number; may be NULL
  * @return the transport's code, unchanged, when it fails
@@ -140,7 +140,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetInt32(PSP_INPUTBUFF inBuff, int32_t* val);
 PSP_API ZYN_RETCODE psp_inputBuffGetInt64(PSP_INPUTBUFF inBuff, int64_t* val);
 
 /**
- * Gets a floating-point number of single precision; see psp_inputBuffGetChar().
+ * Gets a floating-point number of single precision. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param val    receives the number; may be NULL
  * @return the transport's code, unchanged, when it fails
@@ -151,7 +151,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetInt64(PSP_INPUTBUFF inBuff, int64_t* val);
 PSP_API ZYN_RETCODE psp_inputBuffGetFloat32(PSP_INPUTBUFF inBuff, float* val);
 
 /**
- * Gets a floating-point number of double precision; see psp_inputBuffGetChar().
+ * Gets a floating-point number of double precision. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param val    receives the number; may be NULL
  * @return the transport's code, unchanged, when it fails
@@ -162,7 +162,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetFloat32(PSP_INPUTBUFF inBuff, float* val);
 PSP_API ZYN_RETCODE psp_inputBuffGetFloat64(PSP_INPUTBUFF inBuff, double* val);
 
 /**
- * Gets bytes; see psp_inputBuffGetChar().
+ * Gets bytes. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param data   receives the bytes; NULL skips them
  * @param size   their count
@@ -174,7 +174,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetFloat64(PSP_INPUTBUFF inBuff, double* val);
 PSP_API ZYN_RETCODE psp_inputBuffGetBytes(PSP_INPUTBUFF inBuff, void* data, size_t size);
 
 /**
- * Gets a string with length into memory of its own; see psp_inputBuffGetChar().
+ * Gets a string with length into memory of its own. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param str    receives the string, or NULL for a null string; NULL skips it
  * @param tag    owner of the string
@@ -190,7 +190,7 @@ PSP_API ZYN_RETCODE psp_inputBuffGetBytes(PSP_INPUTBUFF inBuff, void* data, size
 PSP_API ZYN_RETCODE psp_inputBuffGetString(PSP_INPUTBUFF inBuff, char** str, PSP_MEMTAG tag);
 
 /**
- * Gets a string with length into the caller's buffer; see psp_inputBuffGetChar().
+ * Gets a string with length into the caller's buffer. The rules of psp_inputBuffGetChar() hold.
  * @param inBuff the stream
  * @param str    receives the string and its NUL, an empty string for a null string; NULL skips it
  * @param size   room in `str`, in bytes; 0: there is room for any string
@@ -257,7 +257,7 @@ PSP_API ZYN_RETCODE psp_outputBuffFlush(PSP_OUTPUTBUFF outBuff);
 PSP_API ZYN_RETCODE psp_outputBuffPutChar(PSP_OUTPUTBUFF outBuff, char chval);
 
 /**
- * Puts a 16-bit integer; see psp_outputBuffPutChar().
+ * Puts a 16-bit integer. The rules of psp_outputBuffPutChar() hold.
  * @param outBuff the stream
  * @param val     the number
  * @return the transport's code, unchanged, when it fails
@@ -268,7 +268,7 @@ PSP_API ZYN_RETCODE psp_outputBuffPutChar(PSP_OUTPUTBUFF outBuff, char chval);
 PSP_API ZYN_RETCODE psp_outputBuffPutInt16(PSP_OUTPUTBUFF outBuff, int16_t val);
 
 /**
- * Puts a 32-bit integer; see psp_outputBuffPutChar().
+ * Puts a 32-bit integer. The rules of psp_outputBuffPutChar() hold.
  * @param outBuff the stream
  * @param val     the number
  * @return the transport's code, unchanged, when it fails
@@ -279,7 +279,7 @@ PSP_API ZYN_RETCODE psp_outputBuffPutInt16(PSP_OUTPUTBUFF outBuff, int16_t val);
 PSP_API ZYN_RETCODE psp_outputBuffPutInt32(PSP_OUTPUTBUFF outBuff, int32_t val);
 
 /**
- * Puts a 64-bit integer; see psp_outputBuffPutChar().
+ * Puts a 64-bit integer. The rules of psp_outputBuffPutChar() hold.
  * @param outBuff the stream
  * @param val     the number
  * @return the transport's code, unchanged, when it fails
@@ -290,7 +290,7 @@ PSP_API ZYN_RETCODE psp_outputBuffPutInt32(PSP_OUTPUTBUFF outBuff, int32_t val);
 PSP_API ZYN_RETCODE psp_outputBuffPutInt64(PSP_OUTPUTBUFF outBuff, int64_t val);
 
 /**
- * Puts a floating-point number of single precision; see psp_outputBuffPutChar().
+ * Puts a floating-point number of single precision. The rules of psp_outputBuffPutChar() hold.
  * @param outBuff the stream
  * @param val     the number
  * @return the transport's code, unchanged, when it fails
@@ -301,7 +301,7 @@ PSP_API ZYN_RETCODE psp_outputBuffPutInt64(PSP_OUTPUTBUFF outBuff, int64_t val);
 PSP_API ZYN_RETCODE psp_outputBuffPutFloat32(PSP_OUTPUTBUFF outBuff, float val);
 
 /**
- * Puts a floating-point number of double precision; see psp_outputBuffPutChar().
+ * Puts a floating-point number of double precision. The rules of psp_outputBuffPutChar() hold.
  * @param outBuff the stream
  * @param val     the number
  * @return the transport's code, unchanged, when it fails
@@ -312,7 +312,7 @@ PSP_API ZYN_RETCODE psp_outputBuffPutFloat32(PSP_OUTPUTBUFF outBuff, float val);
 PSP_API ZYN_RETCODE psp_outputBuffPutFloat64(PSP_OUTPUTBUFF outBuff, double val);
 
 /**
- * Puts bytes; see psp_outputBuffPutChar().
+ * Puts bytes. The rules of psp_outputBuffPutChar() hold.
  * @param outBuff the stream
  * @param data    the bytes; copied. May be NULL when `size` is 0.
  * @param size    their count

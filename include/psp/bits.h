@@ -36,42 +36,42 @@ typedef enum ALIGN_TYPE {
 PSP_API void psp_swaporderUInt16(uint16_t* val);
 
 /**
- * Reverses the 4 bytes of an unsigned value in place; see psp_swaporderUInt16().
+ * Reverses the 4 bytes of an unsigned value in place. See psp_swaporderUInt16().
  * @param val the value; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_swaporderUInt32(uint32_t* val);
 
 /**
- * Reverses the 8 bytes of an unsigned value in place; see psp_swaporderUInt16().
+ * Reverses the 8 bytes of an unsigned value in place. See psp_swaporderUInt16().
  * @param val the value; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_swaporderUInt64(uint64_t* val);
 
 /**
- * Reverses the 2 bytes of a signed value in place; see psp_swaporderUInt16().
+ * Reverses the 2 bytes of a signed value in place. See psp_swaporderUInt16().
  * @param val the value; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_swaporderInt16(int16_t* val);
 
 /**
- * Reverses the 4 bytes of a signed value in place; see psp_swaporderUInt16().
+ * Reverses the 4 bytes of a signed value in place. See psp_swaporderUInt16().
  * @param val the value; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_swaporderInt32(int32_t* val);
 
 /**
- * Reverses the 8 bytes of a signed value in place; see psp_swaporderUInt16().
+ * Reverses the 8 bytes of a signed value in place. See psp_swaporderUInt16().
  * @param val the value; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_swaporderInt64(int64_t* val);
 
 /**
- * Reverses the 4 bytes of a number in place; see psp_swaporderUInt16(). The swapped bytes are data
+ * Reverses the 4 bytes of a number in place. See psp_swaporderUInt16(). The swapped bytes are data
  * on their way, not a number: do not calculate with them.
  * @param val the number; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
@@ -79,7 +79,7 @@ PSP_API void psp_swaporderInt64(int64_t* val);
 PSP_API void psp_swaporderFloat(float* val);
 
 /**
- * Reverses the 8 bytes of a number in place; see psp_swaporderFloat().
+ * Reverses the 8 bytes of a number in place. See psp_swaporderFloat().
  * @param val the number; must not be NULL
  * @threads{any, one at a time per value} @before{works} @jumps{never} @owner{nothing}
  */

@@ -34,11 +34,12 @@ PSP_BEGIN_DECLS
  *               must be lower case, the rest may be of either: "stdOUT" is the stream, "STDOUT" a
  *               file.
  * @param flags  the operating system's open flags (`<fcntl.h>`): `O_RDONLY`, `O_WRONLY` or
- *               `O_RDWR`, with `O_CREAT`, `O_EXCL`, `O_TRUNC`, `O_APPEND`, `O_CLOEXEC` and so on.
+ *               `O_RDWR`, with `O_CREAT`, `O_EXCL`, `O_TRUNC`, `O_APPEND` and so on.
  *               `O_TRUNC` implies `O_CREAT`. A new file gets mode 0666 less the process's umask.
+ *               Programs that the process starts inherit the file unless `O_CLOEXEC` is given.
  * @param xflags 0 or ::PSP_XFLAG_NOSYNC; other bits are ignored
  * @return the handle; NULL when `name` is NULL, the library is not started, memory is short, a
- *         switch forbids it, or the system refuses (only then is `errno` set)
+ *         switch forbids it, or the system refuses (its reason is in `errno`)
  * @threads{any} @before{NULL} @jumps{never} @owner{the caller closes it with psp_fileClose()}
  */
 PSP_API PSP_MUST_USE PSP_FH psp_fileOpen(const char* name, uint32_t flags, uint16_t xflags);

@@ -67,13 +67,12 @@ PSP_API void psp_pathClose(PSP_DIR dir);
  * Matches a whole string against a pattern. Upper and lower case are equal, by the current C
  * locale, byte by byte.
  *
- * | In the pattern | matches                                                               |
- * |----------------|-----------------------------------------------------------------------|
- * | `*`            | any bytes or none; the character after it stands for itself, so a     |
- * |                | star or '?' there matches only that very character                    |
- * | `?`            | any one byte                                                          |
- * | `#`            | one digit, 0 to 9 or A to F; small a to f do not match                |
- * | any other      | itself                                                                |
+ * | In the pattern | matches                                                                    |
+ * |----------------|----------------------------------------------------------------------------|
+ * | `*`            | any bytes or none; the character after it, even a wildcard, matches itself |
+ * | `?`            | any one byte                                                               |
+ * | `#`            | one digit, 0 to 9 or A to F; small a to f do not match                     |
+ * | any other      | itself                                                                     |
  *
  * There are no classes and no escapes, and neither '/' nor a leading dot is special. The time is
  * at most proportional to the product of the two lengths.

@@ -16,7 +16,7 @@ PSP_BEGIN_DECLS
 
 /**
  * The clock of intervals and timed waits: `CLOCK_MONOTONIC` when greater than 0, otherwise
- * `CLOCK_REALTIME`. Read only; psp_init() writes it, once the same value for the whole process.
+ * `CLOCK_REALTIME`. Read only: psp_init() writes it, at each start the same.
  * @threads{any} @before{-1 until the first psp_init() asks the system; kept after psp_term()}
  */
 extern PSP_API int32_t gUseMonotonicClock;
