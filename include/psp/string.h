@@ -104,7 +104,7 @@ PSP_API uint8_t psp_hexdigit(char val);
 
 /**
  * Sets or asks for the process's locale, as the C library's `setlocale` does.
- * @param category a category (`LC_ALL`, `LC_NUMERIC`, …)
+ * @param category a category (`LC_ALL`, `LC_NUMERIC` and so on)
  * @param str      the locale's name, "" for the environment's choice; NULL asks only
  * @return the locale's name, or NULL when there is no such locale (the old one stays)
  * @threads{any, while no other uses the locale} @before{works} @jumps{never}
@@ -115,8 +115,8 @@ PSP_API char* psp_setlocale(int32_t category, const char* str);
 /**
  * Makes a locale object, for the C library's functions whose names end in `_l`; the process's
  * locale stays as it is.
- * @param category a mask of categories (`LC_ALL_MASK`, `LC_NUMERIC_MASK`, …); those left out are
- *                 those of the C locale
+ * @param category a mask of categories (`LC_ALL_MASK`, `LC_NUMERIC_MASK` and so on); those left
+ *                 out are those of the C locale
  * @param str      the locale's name, "" for the environment's choice
  * @return the locale; NULL when there is no such locale, `str` is NULL or memory is short, and
  *         `errno` tells which
