@@ -137,7 +137,8 @@ PSP_API char* psp_fgets(char* str, int32_t n, PSP_FILE_STREAM stream);
  * @param fh  the stream
  * @param buf the buffer, from `tag`; receives the new place of it, also on failure
  * @param len the buffer's size in bytes, 0 stands for 100; receives its new size
- * @param tag owner of the buffer; the special values are accepted
+ * @param tag owner of the buffer; the special values are accepted. Under one with the stack
+ *            allocator the buffer cannot grow
  * @return `*buf`; NULL when the file had ended, memory ran out at the start, or `fh`, `buf` or
  *         `len` is NULL
  * @threads{one at a time per stream and per tag without a mutex}
@@ -154,8 +155,7 @@ PSP_API char* psp_fGetLine(PSP_FILE_STREAM fh, char** buf, uint32_t* len, PSP_ME
  * @param c      the byte, in the low eight bits
  * @param stream the stream; NULL takes nothing
  * @return 1, or 0 when the byte cannot be taken: in UTF-16, one that does not continue the text.
- *         A character begun before stays begun. Bytes that the disk refuses later are lost without
- *         notice.
+ *         A character begun before stays begun. 1 does not mean that the disk will take the byte.
  * @threads{one at a time per stream} @before{undefined: needs an open stream} @jumps{never}
  * @owner{nothing}
  */

@@ -71,7 +71,8 @@ PSP_API char* psp_strtok(char* str, const char* delim, char** saveptr);
  * @param numwords    receives the number of words; must not be NULL
  * @param trim_spaces not 0: blanks and tabs are taken off both ends of a word, and a word that
  *                    becomes empty is dropped
- * @param tag         owner of the array; may be one of the special values
+ * @param tag         owner of the array; may be one of the special values. The array grows with
+ *                    each word, which the stack allocator cannot do beyond the first
  * @retval sOKAY     also when there are no words
  * @retval eNOMEMORY no memory for the array: nothing is stored and nothing stays allocated, but
  *                   delimiters of `input` have been overwritten
