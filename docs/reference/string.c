@@ -25,10 +25,11 @@ static void decode(char* text)
     *to = '\0';
 }
 
-static void setField(struct Record* record, char* setting)
+static void setField(struct Record* record, const char* setting)
 {
+    char copy[64];
     char* rest;
-    char* key = psp_strtok(setting, "=", &rest);
+    char* key = psp_strtok(psp_strncpyZ(copy, setting, sizeof copy), "=", &rest);
     char* value = psp_strtok(NULL, "", &rest);
     if (key == NULL || value == NULL)
         return;
@@ -53,7 +54,8 @@ int main(void)
     if (psp_tokenize(query, "&", &settings, &count, ZYN_FALSE, PSP_THREAD_TAG) != sOKAY)
         return 1;
     for (uint32_t i = 0; i < count; i++)
-        setField(&record, (char*)settings[i]); /* the words lie in `query` */
+        setField(&record, settings[i]);
+    /* The array goes; its words lie in `query`. */
     psp_freeMem(settings, PSP_THREAD_TAG, __FILE__, __LINE__);
 
     printf("%u settings, name \"%s\", city \"%s\"\n", (unsigned)count, record.name, record.city);
