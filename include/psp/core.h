@@ -1,7 +1,6 @@
 /**
  * @file core.h
- * Start and stop of the library, the process-wide critical section, flags and switches, and the
- * version.
+ * Start and stop of the library, its process-wide switches, the critical section, and the version.
  *
  * The flags are exported so that they can be read; only the library writes them. They change
  * while other threads run: read one with a single plain access.
@@ -13,33 +12,59 @@
 
 PSP_BEGIN_DECLS
 
-/** Calls of psp_init() minus calls of psp_term(). At 0 most functions refuse their work. */
+/**
+ * @addtogroup core
+ * @{
+ */
+
+/**
+ * Calls of psp_init() minus calls of psp_term(). At 0 most functions refuse their work.
+ * @threads{any may read it} @before{0}
+ */
 extern PSP_API int32_t psp_inited;
 
-/** 1 while the last psp_term() takes the library down, else 0. */
+/**
+ * 1 while the last psp_term() destroys globals, locks and memory, else 0.
+ * @threads{any may read it} @before{0}
+ */
 extern PSP_API int32_t psp_terminating;
 
-/** 1 once psp_rdonly() was called: no file is opened for writing or created. */
+/**
+ * 1 once psp_rdonly() was called: no file is opened for writing or created.
+ * @threads{any may read it} @before{as psp_rdonly() left it; 0 at first}
+ */
 extern PSP_API int32_t psp_readonly;
 
-/** 1 once psp_nodisk() was called: the disk is not touched. */
+/**
+ * 1 once psp_nodisk() was called: the disk is not touched.
+ * @threads{any may read it} @before{as psp_nodisk() left it; 0 at first}
+ */
 extern PSP_API int32_t psp_diskless;
 
-/** 1 in a process that psp_daemonStart() put into the background: logging skips the console. */
+/**
+ * 1 in a process that psp_daemonStart() put into the background: logging skips the console.
+ * @threads{any may read it} @before{as psp_daemonStart() left it; 0 at first}
+ */
 extern PSP_API int32_t psp_background;
 
 /**
  * Starts the library, or counts one more user of a started one.
  *
- * The first call raises the soft limit of open descriptors, ignores `SIGPIPE` for the whole
- * process and sets up locks, memory, the registry of globals and the output stacks. Every
- * successful call needs one psp_term(). May be called from any thread, but not inside the
- * critical section.
+ * The first call sets up locks, memory, the registry of globals and the output stacks. For the
+ * whole process it raises the soft limit of open descriptors to the hard one (to at least 1024
+ * where there is no hard one), ignores `SIGPIPE`, and chooses the clock of timed waits
+ * (::gUseMonotonicClock); those three stay after a stop. Every successful call needs one
+ * psp_term(). A failed one leaves nothing to be stopped, and may be tried again. Not to be called
+ * inside the critical section.
  *
- * @return `sOKAY`; on failure nothing is left behind and the code is `eNOMEMORY` (no memory, or
- *         no thread-specific key left), `ePSP_FAILURE` (the mutexes of the memory layer, or its
- *         global tag), `ePSP_MUTEX_FAILURE` (the mutex of the registry) or that of the output
- *         stack which could not be opened
+ * @retval sOKAY              the library runs
+ * @retval eNOMEMORY          memory ran out, or no thread-specific key is left
+ * @retval eFILEOPEN          memory ran out while the standard streams were opened
+ * @retval ePSP_FAILURE       the global tag, or a mutex of the memory layer, could not be made
+ * @retval ePSP_MUTEX_FAILURE the mutex of the registry could not be made
+ *
+ * @threads{any; waits while another thread starts or stops the library} @before{works}
+ * @jumps{never} @owner{the caller ends what it started with psp_term()}
  */
 PSP_API ZYN_RETCODE psp_init(void);
 
@@ -50,38 +75,48 @@ PSP_API ZYN_RETCODE psp_init(void);
  * released, whoever owned them; handles and pointers from before are dead. The library can be
  * started again. A call without a psp_init() takes the count below 0, and later starts only bring
  * it back: calls must pair. Not to be called inside the critical section.
+ *
+ * @threads{any, but while the last call runs no other thread may use the library}
+ * @before{takes the count below 0} @jumps{never; the callbacks that it runs must not jump either}
+ * @owner{frees everything that callers have not}
  */
 PSP_API void psp_term(void);
 
 /**
  * Refuses from now on, for the rest of the process, to open files for writing or to create them.
- * Works before psp_init() and outlasts psp_term().
+ * It outlasts psp_term(), and nothing undoes it.
+ * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_rdonly(void);
 
 /**
  * Refuses from now on, for the rest of the process, to touch the disk.
- * Works before psp_init() and outlasts psp_term().
+ * It outlasts psp_term(), and nothing undoes it.
+ * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_nodisk(void);
 
 /**
- * Tells the version of the library. Works before psp_init().
+ * Tells the version of the library.
  * @param major receives the major number, 14; may be NULL
  * @param minor receives the minor number, 1; may be NULL
  * @param build receives the build number, 3222; may be NULL
+ * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_version(int16_t* major, int16_t* minor, int16_t* build);
 
 /**
- * @return the calling thread's `errno` as the C library left it. Works before psp_init().
+ * Tells the calling thread's `errno`. Ask right after the call that failed.
+ * @return `errno` as the C library left it
+ * @threads{any; each has its own} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API int32_t psp_errno(void);
 
 /**
  * Writes a message and a newline to the C library's standard output (`puts`), past the output
- * stacks. Works before psp_init().
+ * stacks.
  * @param msg the text; nothing is written for NULL
+ * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_errPrint(const char* msg);
 
@@ -89,18 +124,21 @@ PSP_API void psp_errPrint(const char* msg);
  * Enters the process-wide critical section, waiting for its turn.
  *
  * It serves one-time set-up. It is not recursive: a thread inside it must not enter it again, nor
- * call psp_init(), psp_term() or psp_tmpdir(), which use it themselves. Works before
- * psp_init() and after psp_term().
+ * call psp_init(), psp_term() or psp_tmpdir(), which use it themselves.
  *
- * @return `sOKAY`, always
+ * @retval sOKAY always
+ * @threads{any; one at a time gets in} @before{works} @jumps{never}
+ * @owner{the same thread leaves it with psp_exitCritSec()}
  */
 PSP_API ZYN_RETCODE psp_enterCritSec(void);
 
 /**
- * Leaves the critical section. Only the thread that entered it may call this. Works before
- * psp_init() and after psp_term().
+ * Leaves the critical section.
+ * @threads{only the one that entered it} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_exitCritSec(void);
+
+/** @} */
 
 PSP_END_DECLS
 
