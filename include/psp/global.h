@@ -10,17 +10,28 @@
 PSP_BEGIN_DECLS
 
 /**
- * Sets up a new block. Runs under the registry's mutex: it must not register another name, nor
- * print or log, nor use a pool that has a mutex: opening a destination and a pool's callbacks take
- * the registry's mutex inside their own.
+ * @addtogroup global
+ * @{
+ */
+
+/**
+ * Sets up a new block.
+ *
+ * It must not register another name, nor print or log, nor use a pool that has a mutex: opening a
+ * destination and a pool's callbacks take the registry's mutex inside their own.
+ *
  * @param data the block, filled with zeros
  * @return `sOKAY`; anything else discards the block
+ * @threads{runs in the thread of psp_globalGet(), under the registry's mutex}
+ * @jumps{it must not: the mutex would stay locked}
  */
 typedef ZYN_RETCODE (*PSP_GLOBAL_CREATE_FCN)(void* data);
 
 /**
- * Tears a block down at the last psp_term(), before its memory goes.
+ * Tears a block down, before its memory goes. Memory and locks still work, output does not. It must
+ * not use the critical section, which psp_term() holds.
  * @param data the block
+ * @threads{runs in the thread of the last psp_term()} @jumps{it must not}
  */
 typedef void (*PSP_GLOBAL_DELETE_FCN)(void* data);
 
@@ -28,9 +39,7 @@ typedef void (*PSP_GLOBAL_DELETE_FCN)(void* data);
  * Gives the block of a name, making it if this is the first call with that name.
  *
  * Every later caller gets the same block; its own `size` and callbacks are ignored. The last
- * psp_term() destroys the blocks in falling order of their names (as `strcmp` sorts). Calls are
- * serialised; what the block holds is not guarded. Lives in the global tag: if that tag was given a
- * jump buffer, running out of memory ends in the jump.
+ * psp_term() destroys the blocks in falling order of their names (as `strcmp` sorts).
  *
  * When there is no memory for a longer list of names, the names so far are forgotten: later calls
  * make new blocks for them. The old ones stay valid until psp_term(), but are not torn down.
@@ -39,13 +48,19 @@ typedef void (*PSP_GLOBAL_DELETE_FCN)(void* data);
  * @param size       bytes of the block, below 4 GiB, not 0
  * @param create_fcn sets a new block up; may be NULL
  * @param delete_fcn tears it down; may be NULL; not called for a block that `create_fcn` refused
- * @param pglobal    receives the block, which belongs to the library
- * @return `sOKAY`; `eINVNULLARG` when `size` is 0 or `name` or `pglobal` is NULL; `eNOMEMORY` when
- *         memory ran out or `create_fcn` failed (a later call tries anew); `ePSP_FAILURE` when the
- *         library is not initialised or its registry is gone already
+ * @param pglobal    receives the block; untouched on failure
+ * @retval sOKAY        the block is in `*pglobal`
+ * @retval eINVNULLARG  `size` is 0, or `name` or `pglobal` is NULL
+ * @retval eNOMEMORY    memory ran out, or `create_fcn` failed; a later call tries anew
+ * @retval ePSP_FAILURE the library is not initialised, or its registry is gone already
+ * @threads{any; the calls are serialised, what a block holds is not guarded}
+ * @before{`ePSP_FAILURE`} @jumps{by ::PSP_GLOBAL_TAG, not when `create_fcn` failed}
+ * @owner{the block belongs to the library until the last psp_term()}
  */
 PSP_API ZYN_RETCODE psp_globalGet(const char* name, size_t size, PSP_GLOBAL_CREATE_FCN create_fcn,
                                   PSP_GLOBAL_DELETE_FCN delete_fcn, void** pglobal);
+
+/** @} */
 
 PSP_END_DECLS
 
