@@ -2,17 +2,14 @@
  * @file mem.h
  * Memory tags: owners of allocations that can be released one by one or all at once.
  *
- * A tag has one of four allocators (::PSP_ALLOCATOR_TYPE), an optional mutex and an optional jump
- * buffer. The special values ::PSP_THREAD_TAG and ::PSP_GLOBAL_TAG may stand wherever a tag is
- * taken, except in psp_freeTagMem(). The last psp_term() releases every tag that is left, the tags
- * of all threads included.
+ * The special values ::PSP_THREAD_TAG and ::PSP_GLOBAL_TAG may stand wherever a tag is taken,
+ * except in psp_freeTagMem(). A tag with a mutex may be shared by threads; any other tag must be
+ * used by one thread at a time.
  *
  * Blocks are aligned to 8 bytes and smaller than 4 GiB: a request that does not fit fails like
  * one for which memory ran out. Failure means NULL, or, under a tag with a jump buffer,
  * `longjmp(*buffer, 1)` with none of the library's locks held. A bad argument, an unresolvable tag
  * and a library that is not initialised give NULL without a jump.
- *
- * A tag with a mutex may be shared by threads; any other tag must be used by one thread at a time.
  */
 #ifndef PSP_MEM_H
 #define PSP_MEM_H
@@ -20,6 +17,11 @@
 #include "psptypes.h"
 
 PSP_BEGIN_DECLS
+
+/**
+ * @addtogroup mem
+ * @{
+ */
 
 /** A counter and its high-water mark, in bytes. */
 typedef struct PSP_MEM_INFO {
@@ -35,11 +37,13 @@ typedef struct PSP_TAG_MEM_INFO {
 } PSP_TAG_MEM_INFO;
 
 /* Any number may be tried, unknown ones are refused: in C++ only a fixed base makes that sound. */
+/** @cond */
 #ifdef __cplusplus
 #define PSP_ALLOCATOR_TYPE_BASE : int32_t
 #else
 #define PSP_ALLOCATOR_TYPE_BASE
 #endif
+/** @endcond */
 
 /** Strategy of a tag. */
 typedef enum PSP_ALLOCATOR_TYPE PSP_ALLOCATOR_TYPE_BASE {
@@ -68,22 +72,37 @@ enum {
 };
 
 /**
- * Called when a tag is destroyed, before its memory goes.
+ * Called when a tag is destroyed, before its memory goes. In psp_term() it finds locks that do
+ * nothing, and neither output, named globals nor ::PSP_GLOBAL_TAG.
  * @param ctx the context given at the tag's creation
+ * @threads{runs in the thread that destroys the tag}
+ * @jumps{out of psp_freeTagMem() it may, which then has released nothing; out of psp_term() it must
+ * not}
  */
 typedef void (*PSP_DESTROY_FCN)(void* ctx);
 
-/** Limit in bytes of the memory that the library takes; 0: none. See psp_setMemLimit(). */
+/**
+ * Limit in bytes of the memory that the library takes; 0: none. See psp_setMemLimit().
+ * @threads{any may read it} @before{as psp_setMemLimit() left it; 0 at first}
+ */
 extern PSP_API size_t psp_memlimit;
 
-/** The caller's buffer that holds all memory of the library, or NULL. See psp_setMemLimit(). */
+/**
+ * The caller's buffer that holds all memory of the library, or NULL. See psp_setMemLimit().
+ * @threads{any may read it} @before{as psp_setMemLimit() left it; NULL at first}
+ */
 extern PSP_API void* psp_membuffer;
 
-/** Bytes held by all allocators but the legacy one. Read it with psp_getMemUsage(). */
+/**
+ * Bytes held by all allocators but the legacy one.
+ * @threads{any, through psp_getMemUsage()} @before{nothing is held; `max` outlasts a stop}
+ */
 extern PSP_API PSP_MEM_INFO psp_mem_stats;
 
-/** The mutex over the memory that all tags share, the innermost of the memory locks;
-    ::PSP_SEM_INVALID while the library is not initialised. Only the library uses it. */
+/**
+ * The mutex over the memory that all tags share, the innermost of the memory locks.
+ * @threads{only the library uses it} @before{::PSP_SEM_INVALID}
+ */
 extern PSP_API PSP_SEM largeBlockSem;
 
 /**
@@ -94,12 +113,16 @@ extern PSP_API PSP_SEM largeBlockSem;
  *                    can be made); any other value: no mutex
  * @param type        the tag's strategy
  * @param destroy_fcn called when the tag is destroyed, by psp_term() too; may be NULL
- * @param destroy_ctx argument of `destroy_fcn`
- * @param ptag        receives the tag, to be given to psp_freeTagMem(); untouched on failure
- * @param file,line   the caller's source position
- * @return `sOKAY`; `eNOMEMORY` when there is no memory for the tag; `ePSP_FAILURE` when the library
- *         is not initialised, `type` is unknown or there is no memory for the allocator;
- *         `eINVNULLARG` when `ptag` is NULL
+ * @param destroy_ctx argument of `destroy_fcn`; may be NULL
+ * @param ptag        receives the tag; untouched on failure
+ * @param file,line   the caller's source position; `file` may be NULL
+ * @retval sOKAY        the tag is in `*ptag`
+ * @retval eNOMEMORY    there is no memory for the tag
+ * @retval ePSP_FAILURE the library is not initialised, `type` is unknown, or there is no memory for
+ *                      the allocator
+ * @retval eINVNULLARG  `ptag` is NULL
+ * @threads{any} @before{`ePSP_FAILURE`} @jumps{never, not even to `jb`}
+ * @owner{the caller destroys the tag with psp_freeTagMem(), or leaves that to the last psp_term()}
  */
 PSP_API ZYN_RETCODE psp_createTagEx_rc(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE type,
                                        PSP_DESTROY_FCN destroy_fcn, void* destroy_ctx,
@@ -107,7 +130,10 @@ PSP_API ZYN_RETCODE psp_createTagEx_rc(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR
 
 /**
  * Creates a tag like psp_createTagEx_rc().
+ * @param jb,flags,type,destroy_fcn,destroy_ctx,file,line as for psp_createTagEx_rc()
  * @return the tag, or NULL on any failure
+ * @threads{any} @before{NULL} @jumps{never, not even to `jb`}
+ * @owner{as psp_createTagEx_rc()}
  */
 PSP_API PSP_MUST_USE PSP_MEMTAG psp_createTagEx(jmp_buf* jb, int16_t flags, PSP_ALLOCATOR_TYPE type,
                                                 PSP_DESTROY_FCN destroy_fcn, void* destroy_ctx,
@@ -124,9 +150,11 @@ PSP_API PSP_MUST_USE PSP_MEMTAG psp_createTagEx(jmp_buf* jb, int16_t flags, PSP_
  * @param mode      a bit set; 1 plain, 3 zero-filled, 5 copy, 13 string copy (::PSP_MEM_PLAIN ...)
  * @param data      with mode bit 4 what is copied, `size` bytes, not NULL; for mode 13 a string;
  *                  else not looked at
- * @param file,line the caller's source position
- * @return the block, to be released by psp_freeMem() or along with the tag; NULL on failure, if the
- *         tag has no jump buffer
+ * @param file,line the caller's source position; `file` may be NULL
+ * @return the block; NULL on failure, if the tag has no jump buffer
+ * @threads{any, if the tag has a mutex; else one at a time per tag} @before{NULL}
+ * @jumps{by the tag}
+ * @owner{the tag owns the block: psp_freeMem() releases it, or psp_freeTagMem() with all others}
  */
 PSP_API void* psp_getMem(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data,
                          const char* file, int32_t line);
@@ -135,7 +163,10 @@ PSP_API void* psp_getMem(size_t size, PSP_MEMTAG tt, int32_t mode, const void* d
  * Allocates a block like psp_getMem().
  * @param size,tt,mode,data,file,line as for psp_getMem()
  * @param res receives the block, or NULL: the address of the caller's pointer of any type
- * @return `sOKAY`; `eNOMEMORY` exactly when there is no block; `eINVNULLARG` when `res` is NULL
+ * @retval sOKAY       the block is in `*res`
+ * @retval eNOMEMORY   there is no block, for whatever reason
+ * @retval eINVNULLARG `res` is NULL
+ * @threads{as psp_getMem()} @before{`eNOMEMORY`} @jumps{by the tag} @owner{as psp_getMem()}
  */
 PSP_API ZYN_RETCODE psp_getMem_rc(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data,
                                   void* res, const char* file, int32_t line);
@@ -154,8 +185,10 @@ PSP_API ZYN_RETCODE psp_getMem_rc(size_t size, PSP_MEMTAG tt, int32_t mode, cons
  *                  is 0, `newsize` bytes to its start.
  * @param incsize   by how many bytes the block grows; what exceeds `newsize` does not count
  * @param data      with mode bit 4 what is copied, not NULL; else not looked at
- * @param file,line the caller's source position
+ * @param file,line the caller's source position; `file` may be NULL
  * @return the block, which replaces `ptr`; NULL on failure, if the tag has no jump buffer
+ * @threads{as psp_getMem()} @before{NULL} @jumps{by the tag; `ptr` is still valid then}
+ * @owner{as psp_getMem(); `ptr` is gone when the result is another block}
  */
 PSP_API void* psp_extendMem(const void* ptr, size_t newsize, PSP_MEMTAG tt, int32_t mode,
                             size_t incsize, const void* data, const char* file, int32_t line);
@@ -164,29 +197,36 @@ PSP_API void* psp_extendMem(const void* ptr, size_t newsize, PSP_MEMTAG tt, int3
  * Resizes a block like psp_extendMem().
  * @param ptr,newsize,tt,mode,incsize,data,file,line as for psp_extendMem()
  * @param res receives the block, or NULL: the address of the caller's pointer of any type
- * @return `sOKAY`; `eNOMEMORY` exactly when there is no block; `eINVNULLARG` when `res` is NULL
+ * @retval sOKAY       the block is in `*res`
+ * @retval eNOMEMORY   there is no block, for whatever reason; `ptr` is still valid
+ * @retval eINVNULLARG `res` is NULL; `ptr` is as it was
+ * @threads{as psp_getMem()} @before{`eNOMEMORY`} @jumps{by the tag; `ptr` is still valid then}
+ * @owner{as psp_extendMem()}
  */
 PSP_API ZYN_RETCODE psp_extendMem_rc(const void* ptr, size_t newsize, PSP_MEMTAG tt, int32_t mode,
                                      size_t incsize, const void* data, void* res, const char* file,
                                      int32_t line);
 
 /**
- * Gives a block to another tag by copying it. Never jumps; on failure the old block stays valid.
+ * Gives a block to another tag by copying it. On failure the old block stays valid.
  * @param ptr       a block of `ttSrc`; NULL gives NULL
  * @param size      the block's size in bytes, which the caller must know; 0 gives NULL
- * @param ttDest    the new owner
+ * @param ttDest    the new owner; NULL gives NULL
  * @param ttSrc     the owner so far; when it is the same handle as `ttDest`, nothing is done
- * @param file,line the caller's source position
+ * @param file,line the caller's source position; `file` may be NULL
  * @return the block, which replaces `ptr` (`ptr` itself for equal handles); NULL on failure
+ * @threads{as psp_getMem(), for both tags} @before{NULL} @jumps{never}
+ * @owner{`ttDest` owns the new block; the old one is released}
  */
 PSP_API void* psp_moveMem(const void* ptr, size_t size, PSP_MEMTAG ttDest, PSP_MEMTAG ttSrc,
                           const char* file, int32_t line);
 
 /**
- * Releases a block.
+ * Releases a block. In a stack tag this does nothing.
  * @param ptr       a block of `tt`; nothing happens for NULL
- * @param tt        the block's owner
- * @param file,line the caller's source position
+ * @param tt        the block's owner; nothing happens for NULL
+ * @param file,line the caller's source position; `file` may be NULL
+ * @threads{as psp_getMem()} @before{does nothing} @jumps{never} @owner{frees the block}
  */
 PSP_API void psp_freeMem(const void* ptr, PSP_MEMTAG tt, const char* file, int32_t line);
 
@@ -194,8 +234,11 @@ PSP_API void psp_freeMem(const void* ptr, PSP_MEMTAG tt, const char* file, int32
  * Releases all blocks of a tag, and on demand the tag itself.
  * @param tt        the tag, not one of the special values: nothing happens for those and for NULL
  * @param freetag   ::ZYN_FALSE: the tag stays, empty. Else the tag's destroy callback is called
- *                  first, and the tag is gone afterwards; no other thread may still use it.
- * @param file,line the caller's source position
+ *                  first, and the tag is gone afterwards.
+ * @param file,line the caller's source position; `file` may be NULL
+ * @threads{as psp_getMem(); when the tag goes, no other thread may still use it}
+ * @before{does nothing} @jumps{only through the destroy callback}
+ * @owner{frees all blocks of the tag, and the tag unless `freetag` is ::ZYN_FALSE}
  */
 PSP_API void psp_freeTagMem(PSP_MEMTAG tt, ZYN_BOOL_T freetag, const char* file, int32_t line);
 
@@ -203,16 +246,21 @@ PSP_API void psp_freeTagMem(PSP_MEMTAG tt, ZYN_BOOL_T freetag, const char* file,
  * Replaces a tag's jump buffer.
  * @param jb the new buffer, or NULL for NULL results
  * @param tt the tag; nothing happens for NULL
+ * @threads{as psp_getMem(); the jump is taken in the thread whose allocation fails, so that no
+ * other one may use the tag while the buffer is set}
+ * @before{does nothing} @jumps{never} @owner{`jb` stays the caller's and must outlive its use}
  */
 PSP_API void psp_resetTag(jmp_buf* jb, PSP_MEMTAG tt);
 
 /**
- * Reads a tag's statistics. Takes no lock: while other threads use the tag, each number is whole,
- * but they need not fit one another.
- * @param tag      the tag
- * @param mem_info receives the statistics
- * @return `sOKAY`; `ePSP_FAILURE` when the library is not initialised, there is no such tag or
- *         `mem_info` is NULL
+ * Reads a tag's statistics. While other threads use the tag, each number is whole, but they need
+ * not fit one another.
+ * @param tag      the tag; NULL gives `ePSP_FAILURE`
+ * @param mem_info receives the statistics, in bytes; untouched on failure
+ * @retval sOKAY        the statistics are in `*mem_info`
+ * @retval ePSP_FAILURE the library is not initialised, there is no such tag, or `mem_info` is NULL
+ * @threads{any; takes no lock. The tag must not be destroyed meanwhile} @before{`ePSP_FAILURE`}
+ * @jumps{never} @owner{nothing}
  */
 PSP_API ZYN_RETCODE psp_getTagMemInfo(PSP_MEMTAG tag, PSP_TAG_MEM_INFO* mem_info);
 
@@ -222,19 +270,23 @@ PSP_API ZYN_RETCODE psp_getTagMemInfo(PSP_MEMTAG tag, PSP_TAG_MEM_INFO* mem_info
  * A buffer can be given, or replaced, only before psp_init(); without one the limit may change at
  * any time. The blocks of legacy tags are not subject to either.
  *
- * @param ptr   a buffer of `limit` bytes, aligned to 16, that stays the library's own until
- *              psp_term(); or NULL. Not more than 4 GiB of it are used.
+ * @param ptr   a buffer of `limit` bytes, aligned to 16; or NULL. Not more than 4 GiB of it are
+ *              used.
  * @param limit highest number of bytes: 0 for no limit (useless with a buffer), or at least 4195328
- * @return `sOKAY`; `ePSP_FAILURE`, with nothing changed, for a limit between, or when a buffer is
- *         given or set while the library is initialised
+ * @retval sOKAY        the limit, and the buffer, hold from now on
+ * @retval ePSP_FAILURE nothing is changed: `limit` is in between, or a buffer is given or set while
+ *                      the library is initialised
+ * @threads{any; with a buffer, while no other thread starts the library} @before{works}
+ * @jumps{never} @owner{the buffer is the caller's, and in the library's use until psp_term()}
  */
 PSP_API ZYN_RETCODE psp_setMemLimit(void* ptr, size_t limit);
 
 /**
  * Tells how many bytes all tags hold together, with their headers; legacy tags are not counted.
- * Works before psp_init() and after psp_term(), and takes no lock.
  * @param curr_usage receives the bytes held now; may be NULL
  * @param max_usage  receives the highest number so far; may be NULL
+ * @threads{any; takes no lock} @before{works: nothing is held, the highest number stays}
+ * @jumps{never} @owner{nothing}
  */
 PSP_API void psp_getMemUsage(size_t* curr_usage, size_t* max_usage);
 
@@ -242,8 +294,11 @@ PSP_API void psp_getMemUsage(size_t* curr_usage, size_t* max_usage);
  * Does nothing: the place of a report that this library does not make.
  * @param flags  not used
  * @param format not used; may be NULL
+ * @threads{any} @before{does nothing} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_memReport(uint32_t flags, const char* format, ...);
+
+/** @} */
 
 PSP_END_DECLS
 
