@@ -21,6 +21,11 @@
 #error "this library supports 64-bit Linux on x86-64 only"
 #endif
 
+/**
+ * @addtogroup types
+ * @{
+ */
+
 /** The C library's locale object. <locale.h> hides it from strict C11 code; this repeats it. */
 typedef struct __locale_struct* locale_t;
 
@@ -33,8 +38,11 @@ typedef pthread_t psp_thread_id_t;
 /** Everything marked with this is the library's surface; all else stays hidden. */
 #define PSP_API __attribute__((visibility("default")))
 
-/** The function formats like `printf`: argument `fmt` is the format, `first` the first value (0: a
-    va_list). Positions count from 1. */
+/**
+ * The function formats like `printf`, and the compiler checks its calls. Positions count from 1.
+ * @param fmt   position of the format among the function's arguments
+ * @param first position of the first value; 0: the values come as a va_list
+ */
 #define PSP_PRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
 
 /** The result must be looked at: dropping it leaks what it names. */
@@ -47,5 +55,7 @@ typedef pthread_t psp_thread_id_t;
 #define PSP_BEGIN_DECLS /**< From here on names are those of C. */
 #define PSP_END_DECLS   /**< The end of what PSP_BEGIN_DECLS began. */
 #endif
+
+/** @} */
 
 #endif

@@ -10,6 +10,11 @@
 
 #include <stdint.h>
 
+/**
+ * @addtogroup types
+ * @{
+ */
+
 /** Status of an operation. */
 typedef int32_t ZYN_RETCODE;
 
@@ -18,6 +23,8 @@ typedef int32_t ZYN_RETCODE;
  * The identifiers below are made from this list; use it to print names and texts:
  *
  *     #define ROW(id, value, text) case id: return #id ": " text;
+ *
+ * @param X a macro of three arguments: the identifier, its value, and what it says as a string
  */
 #define ZYN_RETCODE_LIST(X)                                                                        \
     X(sOKAY, 0, "success")                                                                         \
@@ -52,5 +59,7 @@ enum {
     ZYN_RETCODE_LIST(ZYN_RETCODE_ENUMERATOR)
 #undef ZYN_RETCODE_ENUMERATOR
 };
+
+/** @} */
 
 #endif
