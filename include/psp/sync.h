@@ -102,8 +102,9 @@ PSP_API void psp_syncDelete(PSP_SEM sem);
  * Waits once on a condition variable of the system's; a wake-up without cause is passed on to the
  * caller.
  * @param c the condition variable. It must use the clock that the library chose: the monotonic one
- *          when ::gUseMonotonicClock is greater than 0, else the real-time clock. Not NULL.
- * @param m the mutex that guards the condition, locked by the caller; locked again on return. Not NULL.
+ *          when ::gUseMonotonicClock is greater than 0, else the real-time clock; not NULL
+ * @param m the mutex that guards the condition, locked by the caller; locked again on return; not
+ *          NULL
  * @param t milliseconds to wait at most
  * @retval sOKAY    the thread was woken up
  * @retval sTIMEOUT the time ran out
