@@ -30,7 +30,7 @@ extern PSP_API int32_t psp_inited;
 extern PSP_API int32_t psp_terminating;
 
 /**
- * 1 once psp_rdonly() was called: no file is opened for writing or created.
+ * 1 once psp_rdonly() was called: no file is opened for writing, created or removed.
  * @threads{any may read it} @before{as psp_rdonly() left it; 0 at first}
  */
 extern PSP_API int32_t psp_readonly;
@@ -83,15 +83,22 @@ PSP_API ZYN_RETCODE psp_init(void);
 PSP_API void psp_term(void);
 
 /**
- * Refuses from now on, for the rest of the process, to open files for writing or to create them.
- * It outlasts psp_term(), and nothing undoes it.
+ * Refuses from now on, for the rest of the process, to open files for writing, to create and to
+ * remove them. It outlasts psp_term(), and nothing undoes it.
+ *
+ * Directories can still be created and removed. A file that is open for writing already can still
+ * be written, but psp_fileSync() does nothing any more.
+ *
  * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_rdonly(void);
 
 /**
- * Refuses from now on, for the rest of the process, to touch the disk.
- * It outlasts psp_term(), and nothing undoes it.
+ * Refuses from now on, for the rest of the process, to open, remove or look up files and
+ * directories. It outlasts psp_term(), and nothing undoes it.
+ *
+ * The standard streams go on, and so do files that are open already.
+ *
  * @threads{any} @before{works} @jumps{never} @owner{nothing}
  */
 PSP_API void psp_nodisk(void);
