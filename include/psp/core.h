@@ -36,7 +36,7 @@ extern PSP_API int32_t psp_terminating;
 extern PSP_API int32_t psp_readonly;
 
 /**
- * 1 once psp_nodisk() was called: the disk is not touched.
+ * 1 once psp_nodisk() was called: no file or directory is opened, removed or looked up.
  * @threads{any may read it} @before{as psp_nodisk() left it; 0 at first}
  */
 extern PSP_API int32_t psp_diskless;
