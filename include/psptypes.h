@@ -76,7 +76,7 @@ typedef ZYN_RETCODE (*ZYN_INPUT_FCN)(ZYN_INPUT_CTX ctx, uint32_t* ch);
 
 /** What a decoder does with malformed UTF-8. */
 typedef enum PSP_UTF8_ERROR_BEHAVIOR {
-    PSP_UTF8_ERROR_BREAK = 0,   /**< fail with `eINVUNICODE` */
+    PSP_UTF8_ERROR_BREAK = 0,   /**< fail, in the way that each function tells */
     PSP_UTF8_ERROR_CONTINUE = 1 /**< put one '?' in the place of each malformed piece */
 } PSP_UTF8_ERROR_BEHAVIOR;
 
