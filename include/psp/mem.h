@@ -141,21 +141,20 @@ PSP_API PSP_MUST_USE PSP_MEMTAG psp_createTagEx(jmp_buf* jb, int16_t flags, PSP_
 
 /**
  * Allocates a block.
- *
- * The function carries none of the compiler's allocation attributes: a copied block may hold
- * pointers, and the size of a string copy is not the argument's.
- *
  * @param size      bytes, below 4 GiB; 0 only with mode bit 8 or 16; does not count in mode 13
  * @param tt        the owner; NULL gives NULL
  * @param mode      a bit set; 1 plain, 3 zero-filled, 5 copy, 13 string copy (::PSP_MEM_PLAIN ...)
  * @param data      with mode bit 4 what is copied, `size` bytes, not NULL; for mode 13 a string;
  *                  else not looked at
  * @param file,line the caller's source position; `file` may be NULL
- * @return the block; NULL on failure, if the tag has no jump buffer
+ * @return the block; NULL when memory ran out or the size is too large, if the tag has no jump
+ *         buffer, and for arguments that are not as above
  * @threads{any, if the tag has a mutex; else one at a time per tag} @before{NULL}
  * @jumps{by the tag}
  * @owner{the tag owns the block: psp_freeMem() releases it, or psp_freeTagMem() with all others}
  */
+/* None of the compiler's allocation attributes: a copied block may hold pointers, and the size of a
+   string copy is not the argument's. */
 PSP_API void* psp_getMem(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data,
                          const char* file, int32_t line);
 
@@ -186,7 +185,8 @@ PSP_API ZYN_RETCODE psp_getMem_rc(size_t size, PSP_MEMTAG tt, int32_t mode, cons
  * @param incsize   by how many bytes the block grows; what exceeds `newsize` does not count
  * @param data      with mode bit 4 what is copied, not NULL; else not looked at
  * @param file,line the caller's source position; `file` may be NULL
- * @return the block, which replaces `ptr`; NULL on failure, if the tag has no jump buffer
+ * @return the block, which replaces `ptr`; NULL when memory ran out, the size is too large or the
+ *         tag is a stack tag, if it has no jump buffer, and for arguments that are not as above
  * @threads{as psp_getMem()} @before{NULL} @jumps{by the tag; `ptr` is still valid then}
  * @owner{as psp_getMem(); `ptr` is gone when the result is another block}
  */
@@ -214,7 +214,8 @@ PSP_API ZYN_RETCODE psp_extendMem_rc(const void* ptr, size_t newsize, PSP_MEMTAG
  * @param ttDest    the new owner; NULL gives NULL
  * @param ttSrc     the owner so far; when it is the same handle as `ttDest`, nothing is done
  * @param file,line the caller's source position; `file` may be NULL
- * @return the block, which replaces `ptr` (`ptr` itself for equal handles); NULL on failure
+ * @return the block, which replaces `ptr` (`ptr` itself for equal handles); NULL when memory ran
+ *         out, and for arguments that are not as above
  * @threads{as psp_getMem(), for both tags} @before{NULL} @jumps{never}
  * @owner{`ttDest` owns the new block; the old one is released}
  */

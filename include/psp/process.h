@@ -43,13 +43,13 @@ typedef int32_t (*PSP_SERVICE_FCN)(int32_t argc, const char** argv);
  *
  * @param name the daemon's name in messages; kept in ::server_name; not NULL
  * @param ctx  in the child receives the handle for psp_daemonComplete(); untouched in the parent
+ * @return one of these codes or, in the parent, what the child passed to psp_daemonComplete()
  * @retval sCHILD       this is the child
  * @retval sOKAY        this is the parent, and the daemon runs; a line in the log says so
  * @retval ePSP_FAILURE this is the parent, and there is no child (no message), or it ended or
  *                      closed the way back without a code (with a message on the C library's
  *                      standard error)
  * @retval eINVNULLARG  `ctx` is NULL; nothing was done
- * @return any other code is what the child passed to psp_daemonComplete()
  * @threads{at the start of a process: of its threads only the caller lives on in the child}
  * @before{works; the line goes to the C library's standard output}
  * @jumps{by the thread's tag, in the parent, for the line in the log}

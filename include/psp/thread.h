@@ -68,10 +68,10 @@ PSP_API ZYN_RETCODE psp_threadBegin(PSP_THREAD_FCN fcn, uint32_t stacksize, void
 /**
  * Waits for a thread to end and collects its status.
  * @param pThread the thread, started and not joined yet; NULL gives `ePSP_FAILURE`
- * @retval sOKAY        when the thread's body returned that
- * @retval ePSP_FAILURE the system refuses to join it (the caller itself, a detached thread), or
- *                      `pThread` is NULL
- * @return any code that the thread's body returned
+ * @return what the thread's body returned, or `ePSP_FAILURE`
+ * @retval sOKAY        the thread's body returned it
+ * @retval ePSP_FAILURE the thread's body returned it, the system refuses to join the thread (the
+ *                      caller itself, a detached one), or `pThread` is NULL
  * @threads{any, one of them per thread to be joined} @before{works} @jumps{never}
  * @owner{frees what the system keeps of the thread; its thread tag stays until psp_term()}
  */
