@@ -29,6 +29,10 @@ typedef void (*VOID_FCN)(void*);
 /**
  * Loads the shared library of a module: the file "lib", `modName`, ".so" on the dynamic loader's
  * search path, with all its symbols bound at once.
+ *
+ * The path is `LD_LIBRARY_PATH`, the loader's cache and the system's directories. A run path of the
+ * program belongs to it only if the program was linked with `--disable-new-dtags`.
+ *
  * @param modName name of the module; it is copied
  * @param pModCtx receives the module; untouched on failure
  * @retval sOKAY       the module is in `*pModCtx`
