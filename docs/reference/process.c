@@ -58,6 +58,7 @@ int main(void)
         wait(NULL); /* this program waits for the end, too; most do not */
     }
     show_work(paths[0]);
+    psp_fileRemove(paths[0]);
     psp_printf("the second start gave %d\n", codes[1]);
     psp_term();
     return codes[0] == sOKAY && codes[1] == eFILEOPEN ? 0 : 1;
