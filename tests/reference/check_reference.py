@@ -79,6 +79,13 @@ class Checker:
         self.rules(declaration, RULES)
         self.null(declaration)
 
+    def values(self, declaration):
+        """Doxygen does not miss these itself."""
+        for value in declaration.node.findall("enumvalue"):
+            told = text_of(value.find("briefdescription")) + text_of(
+                value.find("detaileddescription"))
+            self.expect(told, declaration, f"{value.findtext('name')} is not described")
+
     def callback(self, declaration):
         self.result(declaration, declaration.type.split("(")[0].removeprefix("typedef").strip())
         self.codes_named(declaration)
@@ -117,6 +124,8 @@ class Checker:
                     self.rules(declaration, ("Threads", "Before psp_init()"))
                 elif declaration.is_callback:
                     self.callback(declaration)
+                elif declaration.kind == "enum":
+                    self.values(declaration)
                 elif declaration.kind == "define" and declaration.parameters():
                     self.arguments(declaration)
 

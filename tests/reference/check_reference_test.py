@@ -44,6 +44,10 @@ def without_brief(node):
     node.find("briefdescription").clear()
 
 
+def without_value(node):
+    without_brief(node.find("enumvalue"))
+
+
 def with_unknown_code(node):
     next(node.iter("parametername")).text = "eNOSUCHCODE"
 
@@ -64,8 +68,9 @@ GAPS = [
     ("file", "psp_fileOpen", "says nothing about NULL", without_null),
     ("file", "psp_fileOpen", "no brief", without_brief),
     ("file", "psp_fileSync", "no @retval sOKAY", without_list("retval")),
-    ("core", "psp_init", "eNOSUCHCODE is no code", with_unknown_code),
+    ("core", "psp_init", "@retval eNOSUCHCODE is no code", with_unknown_code),
     ("core", "psp_inited", "nothing about: Threads", without_rule("Threads")),
+    ("types", "PSP_UTF8_ERROR_BEHAVIOR", "PSP_UTF8_ERROR_BREAK is not described", without_value),
     ("mem", "PSP_DESTROY_FCN", "nothing about: Jumps", without_rule("Jumps")),
 ]
 
