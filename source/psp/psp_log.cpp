@@ -16,6 +16,7 @@
 #include "psp/time.h"
 #include "psp_atomic.h"
 #include "psp_output_int.h"
+#include "psp_probe.h"
 #include "psp_stream_int.h"
 #include "pspint.h"
 
@@ -185,6 +186,7 @@ int32_t _psp_logV(PSP_LOG_CTX* ctx, bool write_stderr, bool logTime, const char*
         memcpy(text, usual, size);
     else
         psp_vsnprintf(text, size, format, args);
+    PSP_PROBE2(log_line, text, len);
     const int32_t written = _psp_log_str(ctx, write_stderr, text, logTime);
     psp_freeMem(text, PSP_THREAD_TAG, __FILE__, __LINE__);
     return written;
@@ -351,8 +353,10 @@ void psp_log_chunk_end(PSP_LOG_CHUNK chunk, const char* format, ...)
         added = log_chunk(chunk, format, args);
         va_end(args);
     }
-    if (chunk->buf != nullptr)
+    if (chunk->buf != nullptr) {
+        PSP_PROBE2(log_line, chunk->buf, chunk->len);
         _psp_log_str(nullptr, false, chunk->buf, false);
+    }
     psp_freeMem(chunk->buf, PSP_GLOBAL_TAG, __FILE__, __LINE__);
     psp_freeMem(chunk, PSP_GLOBAL_TAG, __FILE__, __LINE__);
     if (!added)

@@ -12,6 +12,7 @@
 #include "psp/mem.h"
 #include "psp_atomic.h"
 #include "psp_file_int.h"
+#include "psp_probe.h"
 #include "pspint.h"
 #include "pspposix.h"
 
@@ -247,6 +248,7 @@ ZYN_RETCODE psp_dirSync(const char* path)
     if (fd == -1)
         return ePSP_FAILURE;
     const ZYN_RETCODE rc = fsync(fd) == 0 ? sOKAY : ePSP_FAILURE;
+    PSP_PROBE3(file_sync, path, fd, rc);
     const int saved_errno = errno;
     close(fd);
     errno = saved_errno;

@@ -16,6 +16,7 @@
 #include "psp/sync.h"
 #include "psp/time.h"
 #include "psp_atomic.h"
+#include "psp_probe.h"
 #include "psp_sync_int.h"
 #include "pspint.h"
 
@@ -133,6 +134,21 @@ void initEvent(PSP_EVENT_ENTRY& e)
     e.flag = 1;
 }
 
+// Only a build with probes asks whether somebody has the mutex. The id tells nearly always: it is
+// written just after the mutex is taken, and taken back just before that is released.
+void lockMutex(PSP_MUTEX_ENTRY& m)
+{
+#ifdef PSP_PROBES
+    if (const psp_thread_id_t holder = relaxed_load(m.id); holder != 0) [[unlikely]] {
+        PSP_PROBE2(lock_wait, &m, holder);
+        pthread_mutex_lock(&m.mutex);
+        PSP_PROBE1(lock_got, &m);
+        return;
+    }
+#endif
+    pthread_mutex_lock(&m.mutex);
+}
+
 void lockEvent(PSP_EVENT_ENTRY& e)
 {
     psp_rankEnter(LockRank::event, &e);
@@ -233,7 +249,7 @@ void psp_syncDelete(PSP_SEM sem)
         return sOKAY;
     }
     psp_rankEnter(rank_of(*sem), sem);
-    pthread_mutex_lock(&m.mutex);
+    lockMutex(m);
     m.count = 1;
     relaxed_store(m.id, callingThread());
     return sOKAY;

@@ -19,6 +19,7 @@
 #include "psp_file_int.h"
 #include "psp_file_transfer.h"
 #include "psp_mem_data_int.h"
+#include "psp_probe.h"
 #include "psp_sync_int.h"
 #include "pspint.h"
 #include "pspposix.h"
@@ -85,8 +86,10 @@ void release(PSPFTAB* entry, PSP_MEMTAG tag)
 {
     const int saved_errno = errno;
     // A descriptor of value 0 reads like none, and is left alone.
-    if (entry->handle != nullptr && entry->fcns->close != nullptr)
-        entry->fcns->close(entry->handle);
+    if (entry->handle != nullptr && entry->fcns->close != nullptr) {
+        [[maybe_unused]] const ZYN_RETCODE rc = entry->fcns->close(entry->handle);
+        PSP_PROBE3(file_close, entry->name, entry->handle, rc);
+    }
     if (entry->lock != PSP_SEM_INVALID)
         psp_syncDelete(entry->lock);
     free_blocks(entry, tag);
@@ -126,6 +129,7 @@ bool open_entry(PSPFTAB* entry, ZYN_BOOL_T* is_console)
         return false;
     const ZYN_RETCODE rc = entry->fcns->open(entry->ctx, entry->name, entry->flags, entry->xflags,
                                              &entry->handle, is_console);
+    PSP_PROBE4(file_open, entry->name, entry->handle, entry->flags, rc);
     if (rc != sOKAY)
         return false;
     entry->flags &= ~create_flags; // asked for once, done
@@ -294,7 +298,9 @@ ZYN_RETCODE psp_fileSync(PSP_FH handle)
     if ((handle->xflags & PSP_XFLAG_NOSYNC) != 0 || relaxed_load(psp_readonly) != 0 ||
         handle->fcns->sync == nullptr)
         return sOKAY;
-    return handle->fcns->sync(handle->handle);
+    const ZYN_RETCODE rc = handle->fcns->sync(handle->handle);
+    PSP_PROBE3(file_sync, handle->name, handle->handle, rc);
+    return rc;
 }
 
 ZYN_RETCODE psp_filePageOut(PSP_FH handle, PSP_FILE_OFFSET addr, uint32_t size)

@@ -16,6 +16,7 @@
 #include "psp/core.h"
 #include "psp_block_list.h"
 #include "psp_mem_data_int.h"
+#include "psp_probe.h"
 #include "psp_sync_int.h"
 #include "pspint.h"
 
@@ -155,8 +156,10 @@ Allocated get_memory(size_t size, PSP_MEMTAG tt, int32_t mode, const void* data)
     if (!tag)
         return REFUSED;
     void* const ptr = allocate_memory(tag, size);
-    if (!ptr)
+    if (!ptr) {
+        PSP_PROBE2(alloc_fail, size, tag);
         return {nullptr, tag};
+    }
     if ((mode & ZERO_BIT) != 0)
         memset(ptr, 0, size);
     else if ((mode & COPY_BIT) != 0)
@@ -189,8 +192,10 @@ Allocated extend_memory(const void* ptr, size_t newsize, PSP_MEMTAG tt, int32_t 
         return REFUSED;
     // A copy brings new contents: the old ones need not be kept.
     void* const moved = resize_memory(tag, ptr, newsize, (mode & COPY_BIT) == 0);
-    if (!moved)
+    if (!moved) {
+        PSP_PROBE2(alloc_fail, newsize, tag);
         return {nullptr, tag};
+    }
     fill_extended(moved, newsize, mode, incsize, data);
     return {moved, tag};
 }
@@ -219,12 +224,16 @@ bool is_unlocked(PSP_MEMTAG tag)
 }
 
 // Most requests need nothing but the allocator. The call of it is then the last thing to do, and
-// costs no frame.
+// costs no frame but in a build with probes.
 [[gnu::noinline]] void* get_from_allocator(size_t size, PSP_MEMTAG tag)
 {
     if (size - 1 >= UINT32_MAX || relaxed_load(tag->t_jmpbuf)) [[unlikely]]
         return or_jump(get_memory(size, tag, PSP_MEM_PLAIN, nullptr));
-    return tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+    void* const ptr = tag->t_fcns.alloc_fcn(size, tag->t_allocator);
+    if (!ptr) {
+        PSP_PROBE2(alloc_fail, size, tag);
+    }
+    return ptr;
 }
 
 // Most find a free block in a block tag. Inline wherever it is used: they need no call at all.
@@ -553,8 +562,10 @@ void* psp_moveMem(const void* ptr, size_t size, PSP_MEMTAG ttDest, PSP_MEMTAG tt
     if (!dest || !src || size == 0)
         return nullptr;
     void* const moved = allocate_memory(dest, size);
-    if (!moved)
+    if (!moved) {
+        PSP_PROBE2(alloc_fail, size, dest);
         return nullptr;
+    }
     memcpy(moved, ptr, size);
     free_memory(src, ptr);
     return moved;
