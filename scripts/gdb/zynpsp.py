@@ -97,8 +97,8 @@ class Report:
 
     def show_rows(self):
         widths = [max(len(row[i]) for row in self.rows) for i in range(len(self.rows[0]))]
-        numbers = [all(re.fullmatch(r"-|\d+(/\d+)?|\d+\+|\?", cell) for cell in column)
-                   for column in zip(*self.rows[1:])]
+        numbers = [all(re.fullmatch(r"-|\d+(/\d+)?|\d+\+|\?", cell) for cell in column) and
+                   set(column) != {"-"} for column in zip(*self.rows[1:])]
         for row in self.rows:
             cells = [cell.rjust(width) if number else cell.ljust(width)
                      for cell, width, number in zip(row, widths, numbers)]
@@ -310,10 +310,11 @@ FUTEX = 202  # the system call that locks and events sleep in
 
 
 class Threads:
-    """The threads of the process: who has which thread pointer, and who sleeps where."""
+    """The threads of the process: who has which thread pointer, who sleeps where, and who waits
+    for whom."""
 
     def __init__(self):
-        self.by_pointer, self.by_lwp, self.asleep = {}, {}, []
+        self.by_pointer, self.by_lwp, self.asleep, self.awaited = {}, {}, [], {}
         selected = gdb.selected_thread()
         frame = gdb.selected_frame()
         for thread in gdb.selected_inferior().threads():
@@ -325,24 +326,43 @@ class Threads:
         frame.select()
 
     def add(self, thread):
-        name = f"thread {thread.num} (LWP {thread.ptid[1]})"
-        self.by_lwp[thread.ptid[1]] = name
+        self.by_lwp[thread.ptid[1]] = thread
         thread.switch()
         frame = gdb.newest_frame()
-        self.by_pointer[int(frame.read_register("fs_base")) % 2**64] = name
+        self.by_pointer[int(frame.read_register("fs_base")) % 2**64] = thread
         if int(frame.read_register("orig_rax")) == FUTEX:
             self.asleep.append((int(frame.read_register("rdi")) % 2**64, thread.num))
 
-    def holder(self, entry):
-        """Who holds a mutex: by the id that the library keeps, or by the one of the system."""
-        pointer, lwp = int(entry["id"]), int(entry["mutex"]["__data"]["__owner"])
-        return (self.by_pointer.get(pointer) or self.by_lwp.get(lwp) or
-                f"{hex(pointer)}, which is no thread any more")
+    def sleepers(self, place, size):
+        """The numbers of those who sleep in an object of so many bytes."""
+        return sorted(n for address, n in self.asleep if place <= address < place + size)
 
-    def waiting(self, place, size):
-        """Who sleeps in an object of so many bytes."""
-        numbers = sorted(n for address, n in self.asleep if place <= address < place + size)
-        return ", ".join(f"thread {n}" for n in numbers) or "-"
+    def held(self, mutex, pointer):
+        """Who holds a mutex and who waits for it: by the id that the library keeps, 0 for a mutex
+        without one, or by the one of the system."""
+        lwp = int(mutex["__data"]["__owner"])
+        holder = self.by_pointer.get(pointer) or self.by_lwp.get(lwp)
+        waiting = self.sleepers(int(mutex.address), mutex.type.sizeof)
+        if not holder:
+            return f"LWP {lwp}, which is no thread any more", named(waiting)
+        self.awaited |= {number: holder.num for number in waiting}
+        return f"thread {holder.num} (LWP {holder.ptid[1]})", named(waiting)
+
+    def circles(self):
+        """Threads that wait for each other, in the order of their waiting."""
+        seen = set()
+        for number in self.awaited:
+            way = []
+            while number in self.awaited and number not in seen:
+                seen.add(number)
+                way.append(number)
+                number = self.awaited[number]
+            if number in way:
+                yield way[way.index(number):] + [number]
+
+
+def named(numbers):
+    return ", ".join(f"thread {number}" for number in numbers) or "-"
 
 
 # ---- Locks ----
@@ -394,11 +414,6 @@ def lock_names(library):
     return names
 
 
-def show_held(report, threads, place, mutex, depth, holder, guards):
-    waiting = threads.waiting(place, mutex.type.sizeof)
-    report.add(hex(place), guards, depth, holder, waiting)
-
-
 def show_locks(library):
     mutexes = Report("mutex", "guards", "depth", "holder", "waiting")
     events = Report("event", "state", "waiting")
@@ -406,10 +421,8 @@ def show_locks(library):
     names = lock_names(library)
     for variable, guards in (("globalMutex", "start and stop"), ("semTabMutex", "table of locks")):
         mutex = library[variable]
-        lwp = int(mutex["__data"]["__owner"])
-        if lwp:
-            show_held(mutexes, threads, int(mutex.address), mutex, 1,
-                      threads.by_lwp.get(lwp, f"LWP {lwp}, which is no thread any more"), guards)
+        if int(mutex["__data"]["__owner"]):
+            mutexes.add(shown(mutex.address), guards, 1, *threads.held(mutex, 0))
     number = {MUTEX: 0, EVENT: 0}
     for entry in all_objects(library, mutexes):
         place = int(entry)
@@ -420,15 +433,18 @@ def show_locks(library):
             number[kind] += 1
             if kind == EVENT:
                 event = entry["obj"]["e"]
-                waiting = threads.waiting(place, event["cond"].type.sizeof)
-                events.add(hex(place), "signalled" if int(event["flag"]) else "cleared", waiting)
+                waiting = threads.sleepers(place, event["cond"].type.sizeof)
+                events.add(hex(place), "signalled" if int(event["flag"]) else "cleared",
+                           named(waiting))
             elif int(entry["obj"]["m"]["id"]):
                 held = entry["obj"]["m"]
-                show_held(mutexes, threads, place, held["mutex"], int(held["count"]),
-                          threads.holder(held), names.get(place, "-"))
+                mutexes.add(hex(place), names.get(place, "-"), int(held["count"]),
+                            *threads.held(held["mutex"], int(held["id"])))
         except (Damage, *UNREADABLE) as error:
             mutexes.note(f"object {hex(place)}", error)
     mutexes.show("No mutex is held.")
+    for circle in threads.circles():
+        gdb.write("Deadlock: " + " waits for ".join(f"thread {n}" for n in circle) + ".\n")
     events.show("There is no event.")
     gdb.write(f"In use: {number[MUTEX]} mutexes, {number[EVENT]} events.\n")
 
@@ -592,14 +608,15 @@ chunks, against which the limit is held; legacy tags have none."""
 
 
 class LocksCommand(ShowCommand):
-    """List the mutexes that are held, with holder, depth and who waits, and all events.
+    """List the mutexes that are held, with holder, depth and who waits; and all events.
 usage: psp locks
 
   guards   what a lock of the library's own is for; '-' for a caller's mutex
   depth    how often its holder has entered it
   holder   gdb's number of the thread and the system's (LWP)
   waiting  gdb's numbers of the threads that sleep in the mutex or the event
-An event is signalled, or cleared, which lets threads wait."""
+An event is signalled, or cleared, which lets threads wait. Threads that wait
+for each other's mutexes are named as a deadlock."""
 
     name = "locks"
     show = staticmethod(show_locks)

@@ -111,7 +111,7 @@ def check_locks(text, facts):
     globals_ = [row for row in held.values() if row[0] == "named globals"]
     expect(len(globals_) == 1 and globals_[0][1] == "1" and
            globals_[0][2].startswith(f"thread {numbers['outer']} "), f"own lock: {globals_}")
-    expect(len(held) == 3, f"held: {held}")
+    expect(len(held) == 3 and "Deadlock" not in text, f"held: {text}")
     events = by_place(tables["event"])
     places = {fact[1]: fact[2] for fact in facts if fact[0] == "event"}
     expect(events == {places["gate"]: ["cleared", f"thread {numbers['outer']}"],
@@ -133,7 +133,7 @@ def check_streams(text, facts):
                                     "stderr"]), f"files: {sorted(names)}")
     expect(names["stdout"][0] == "1" and names["stderr"][0] == "2", f"standard: {names}")
     expect(names["text"][2] == stream["text"], f"file of a stream: {names['text']}")
-    expect(streams[stream["text"]] == ["UTF16", "16", "16 bytes to write", "text"],
+    expect(streams[stream["text"]] == ["UTF16", "22", "6 bytes to write", "text"],
            f"written: {streams}")
     expect(streams[stream["lines"]] ==
            ["UTF8", "1", "12 bytes to read, 1 pushed back", "scene.lines"], f"read: {streams}")
@@ -202,9 +202,11 @@ def damage(folder):
                # A chunk's length, a tag's allocator, a tag that comes again.
                "set var $chunk = ((BLOCK_ALLOCATOR_ENTRY*)$block->t_allocator)->chunks",
                "set var ((long*)$chunk)[-1] = 77",
-               "set var ((LIST_ALLOCATOR_ENTRY*)$list->t_allocator)->chunks->next = "
-               "((LIST_ALLOCATOR_ENTRY*)$list->t_allocator)->chunks",
+               "set var $row = ((LIST_ALLOCATOR_ENTRY*)$list->t_allocator)->chunks",
+               "set var $next = $row->next", "set var $row->next = $row",
                "set var $stack->t_fcns.alloc_fcn = 0", "psp tags", "echo ----\\n",
+               "set var $row->next = $next", "set var ((LIST_HDR*)($row + 1))->size = 1 << 20",
+               "psp tags", "echo ----\\n",
                # An object of no kind, a level of a stack that leads nowhere.
                "set var sem_table[0].entry[5].type = 99",
                "set var '(anonymous namespace)::g_psp_log_stack'.root->next = "
@@ -212,7 +214,7 @@ def damage(folder):
                "psp locks", "psp streams")
     facts = facts_of(folder)
     place = {fact[1]: fact[2] for fact in facts if fact[0] == "tag"}
-    link, records, others = text.split("----\n")
+    link, records, row, others = text.split("----\n")
     expect(len(shown(link)["tag"]) == 10 and "damaged: the list of tags: " in link,
            f"the list is to be followed from both ends: {link}")
     rows = by_place(shown(records)["tag"])
@@ -222,11 +224,23 @@ def damage(folder):
     for kind, reason in (("block", "no chunk has 53 bytes"), ("list", "comes to 0x.* again"),
                          ("stack", "it has no allocator of a known kind")):
         expect(re.search(f"damaged: tag {place[kind]}: .*{reason}", records), f"{kind}: {records}")
+    expect(re.search(f"damaged: tag {place['list']}: .* reaches out of its chunk", row), row)
     expect(re.search("damaged: object 0x[0-9a-f]+: it is of kind 99", others), others)
     expect(len(shown(others)["mutex"]) == 3, f"the other mutexes: {others}")
     expect("damaged: output stack log: " in others and len(shown(others)["output"]) == 3 and
            "scene.lines" in others,
            f"the other stacks: {others}")
+
+
+def deadlock(folder):
+    text = gdb(folder, *started("deadlocked"), "psp locks")
+    held = by_place(shown(text)["mutex"])
+    place = {fact[1]: fact[2] for fact in facts_of(folder) if fact[0] == "lock"}
+    one, other = (re.match(r"thread (\d+)", held[place[name]][2])[0] for name in ("outer", "inner"))
+    expect(held[place["outer"]][3] == other and held[place["inner"]][3] == one, f"{held}")
+    ways = re.findall("^Deadlock: (.*)\\.$", text, re.M)
+    expect(ways in ([f"{one} waits for {other} waits for {one}"],
+                    [f"{other} waits for {one} waits for {other}"]), text)
 
 
 def nothing_there(folder):
@@ -250,8 +264,8 @@ def usage(folder):
         expect(re.search(f"^psp {name} -- .+\\.$", helps, re.M), helps)
 
 
-CASES = {"core": core, "attached": attached, "damage": damage, "nothing": nothing_there,
-         "usage": usage, **{name: look(name) for name in CHECKS}}
+CASES = {"core": core, "attached": attached, "damage": damage, "deadlock": deadlock,
+         "nothing": nothing_there, "usage": usage, **{name: look(name) for name in CHECKS}}
 
 with tempfile.TemporaryDirectory() as folder:
     CASES[CASE](folder)

@@ -24,7 +24,8 @@ end
 break -probe-stap zynpsp:file_open
 commands
   silent
-  printf "fired file_open %s %d %u %d\n", (char*)$_probe_arg0, $_probe_arg1, $_probe_arg2, $_probe_arg3
+  printf "fired file_open %s %d %u %d\n", (char*)$_probe_arg0, $_probe_arg1, \
+    $_probe_arg2, $_probe_arg3
   continue
 end
 break -probe-stap zynpsp:file_close

@@ -1,7 +1,7 @@
 /* A process to be looked at: tags of all four allocators, mutexes held and waited for in two
  * threads, open files, streams and output stacks. It prints what it knows of them, one fact a line,
  * calls scene_ready() and then waits for the end of its standard input.
- * usage: scene DIRECTORY [unstarted|stopped] */
+ * usage: scene DIRECTORY [deadlocked|unstarted|stopped] */
 #include <fcntl.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -100,6 +100,8 @@ static ZYN_RETCODE hold_outer(void* arg)
     void* global = NULL;
     psp_syncEnterExcl(outer);
     psp_globalGet("scene", 1, wait_at_gate, NULL, &global);
+    atomic_store(&holder, (int)syscall(SYS_gettid));
+    psp_syncEnterExcl(inner);
     return *(ZYN_RETCODE*)arg;
 }
 
@@ -132,10 +134,12 @@ static void make_locks(void)
 {
     static ZYN_RETCODE result = sOKAY;
     static psp_thread_t threads[2];
+    PSP_SEM gone = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
     outer = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
     inner = psp_syncCreate_check(PSP_SEM_MUTEX, __FILE__, __LINE__);
     gate = psp_syncCreate_check(PSP_SEM_EVENT, __FILE__, __LINE__);
     open_gate = psp_syncCreate_check(PSP_SEM_EVENT, __FILE__, __LINE__);
+    psp_syncDelete(gone);
     psp_syncStart(gate);
     check(psp_threadBegin(hold_outer, STACK_SIZE, &result, "outer", &threads[0]) == sOKAY,
           "no thread");
@@ -148,10 +152,29 @@ static void make_locks(void)
     printf("event gate %p\nevent open_gate %p\n", (void*)gate, (void*)open_gate);
 }
 
+/* Lets the holder of the first mutex wait for the other one. */
+static void deadlock(void)
+{
+    atomic_store(&holder, 0);
+    psp_syncResume(gate);
+    await_sleep(&holder);
+}
+
 /* ---- Files, streams, stacks ---- */
+
+/* Blocks of the global tag as long as the records of a stream and its cache, which lead to no
+ * file. */
+static void make_decoys(void)
+{
+    void** cache = psp_getMem(1072, PSP_GLOBAL_TAG, PSP_MEM_ZERO, NULL, __FILE__, __LINE__);
+    void** stream = psp_getMem(128, PSP_GLOBAL_TAG, PSP_MEM_ZERO, NULL, __FILE__, __LINE__);
+    cache[3] = stream;
+    stream[0] = cache;
+}
 
 static void make_files(void)
 {
+    make_decoys();
     PSP_FH gone = psp_fileOpen("gone", O_RDWR | O_CREAT, 0);
     PSP_FH data = psp_fileOpen("data", O_RDWR | O_CREAT, PSP_XFLAG_NOSYNC);
     check(gone != NULL && data != NULL, "no file");
@@ -161,7 +184,9 @@ static void make_files(void)
                                  O_WRONLY | O_CREAT | O_APPEND, 0);
     PSP_FILE_STREAM text = psp_fopen("text", "w", PSP_FILE_MODE_UTF16);
     check(record != NULL && text != NULL, "no stream");
-    psp_fputs("waiting", text);
+    psp_fputs("written", text);
+    psp_fflush(text);
+    psp_fputs("not", text);
     PSP_FILE_STREAM lines = psp_fopen("scene.lines", "w", PSP_FILE_MODE_UTF8);
     psp_fputs("first\nsecond\n", lines);
     psp_fclose(lines);
@@ -183,11 +208,13 @@ int main(int argc, char** argv)
         check(psp_init() == sOKAY, "no start");
     if (strcmp(kind, "stopped") == 0)
         psp_term();
-    if (argc == 2) {
+    if (argc == 2 || strcmp(kind, "deadlocked") == 0) {
         make_tags();
         make_locks();
         make_files();
     }
+    if (strcmp(kind, "deadlocked") == 0)
+        deadlock();
     fflush(stdout);
     scene_ready();
     while (getchar() != EOF)
