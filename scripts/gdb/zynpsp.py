@@ -274,9 +274,15 @@ def tag_names(library):
     return names
 
 
+def state_of(mutex):
+    if not has(mutex):
+        return "-"
+    return "held" if int(mutex["obj"]["m"]["id"]) else "free"
+
+
 def show_tags(library):
     report = Report("tag", "name", "kind", "blocks", "used/most", "free/most", "overhead/most",
-                    "mutex", "jump buffer")
+                    "mutex", "jumps to")
     names = tag_names(library)
     for tag in all_tags(library, report):
         address = int(tag)
@@ -287,7 +293,7 @@ def show_tags(library):
             count, error = count_blocks(library, tag) if find else ("-", None)
             counters = [pair(allocator["mem_info"][c]) if c in kept else "-"
                         for c in ("used", "free", "overhead")]
-            report.add(hex(address), name, kind, count, *counters, shown(tag["t_sem"]),
+            report.add(hex(address), name, kind, count, *counters, state_of(tag["t_sem"]),
                        shown(tag["t_jmpbuf"]))
         except (Damage, *UNREADABLE) as unreadable:
             error = unreadable
@@ -598,8 +604,8 @@ One line a tag, in the order of creation, bytes as NOW/MOST SO FAR:
   used         bytes handed out; legacy tags count nothing
   free         block: bytes of idle blocks; list: bytes of all chunks
   overhead     block: headers and rounding; the others do not count it
-  mutex        of the tag, for 'psp locks'; '-' in tags without one
-  jump buffer  where a failed allocation jumps to; '-': it returns NULL
+  mutex        free or held ('psp locks' tells by whom); '-' in tags without one
+  jumps to     the jump buffer of a failed allocation; '-': it gives NULL
 A tag does not record where it was made. The last line tells the bytes of all
 chunks, against which the limit is held; legacy tags have none."""
 

@@ -85,11 +85,12 @@ def check_tags(text, facts):
         row = rows.get(place)
         expected = ["-", kind, "-" if kind == "stack" else blocks, *pairs]
         expect(row and row[:6] == expected, f"{kind} tag: {row} is not {expected}")
-        expect(row and (row[6] != "-") == (kind == "block"), f"mutex of the {kind} tag: {row}")
+        expect(row and row[6] == ("free" if kind == "block" else "-"), f"mutex: {row}")
         expect(row and row[7] == (jump if kind == "list" else "-"), f"jump buffer: {row}")
     names = sorted(row[0] for row in rows.values())
     expect(names == ["-"] * 4 + ["files", "global", "log", "records", "stderr", "stdout"],
            f"names: {names}")
+    expect("held" not in [row[6] for row in rows.values()], f"no tag's mutex is held: {rows}")
     expect(re.search(r"^Chunks of all tags together: [1-9]\d*/[1-9]\d* bytes, no limit\.$", text,
                      re.M), "no line about all chunks")
 
@@ -197,8 +198,9 @@ def damage(folder):
                "set var $block = $log->t_next",
                "set var $list = $block->t_next",
                "set var $stack = $list->t_next",
-               "set var $list->t_next = (TAG_ENTRY*)8", "psp tags", "echo ----\\n",
-               "set var $list->t_next = $stack",
+               "set var $list->t_next = (TAG_ENTRY*)8",
+               "set var tagGlobal->t_sem->obj.m.id = 1", "psp tags", "echo ----\\n",
+               "set var $list->t_next = $stack", "set var tagGlobal->t_sem->obj.m.id = 0",
                # A chunk's length, a tag's allocator, a tag that comes again.
                "set var $chunk = ((BLOCK_ALLOCATOR_ENTRY*)$block->t_allocator)->chunks",
                "set var ((long*)$chunk)[-1] = 77",
@@ -217,6 +219,8 @@ def damage(folder):
     link, records, row, others = text.split("----\n")
     expect(len(shown(link)["tag"]) == 10 and "damaged: the list of tags: " in link,
            f"the list is to be followed from both ends: {link}")
+    held = [row[1] for row in shown(link)["tag"] if row[7] == "held"]
+    expect(held == ["global"], f"held: {held}")
     rows = by_place(shown(records)["tag"])
     expect(rows[place["block"]][2] == "0+" and rows[place["list"]][2].endswith("+") and
            rows[place["stack"]][1] == "?" and rows[place["legacy"]][2] == "200",
