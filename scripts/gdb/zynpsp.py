@@ -13,11 +13,12 @@ import struct
 
 import gdb
 
-UNREADABLE = (gdb.MemoryError, gdb.error, OverflowError, ValueError)
-
-
 class Damage(Exception):
     """A record that contradicts itself or its neighbours."""
+
+
+# What reading damaged records may end in.
+UNREADABLE = (Damage, gdb.MemoryError, gdb.error, OverflowError, ValueError)
 
 
 # ---- Memory and records ----
@@ -159,14 +160,14 @@ CLASSES = [16 << i for i in range(10)]
 
 def block_cut(payload):
     """How a chunk of a block tag is cut, by its bytes behind the header: size and number of the
-    blocks. No length is cut in two ways."""
+    blocks. No length is cut in two ways, and most are not that of any chunk: None."""
     if payload > CLASSES[-1] and (payload - 8) % 32 == 0:
         return payload - 8, 1
     for size in CLASSES:
         count = payload // (size + 8)
         if count * (size + 8) == payload and count in (2, 4, 8, 16, 32, 64, 128):
             return size, count
-    raise Damage(f"no chunk has {payload} bytes")
+    return None
 
 
 def blocks_of_block_tag(allocator):
@@ -175,7 +176,10 @@ def blocks_of_block_tag(allocator):
     for chunk in chain(allocator["chunks"], "next", "prev"):
         address = int(chunk)
         (whole,) = read_words("<Q", address - 8)
-        size, count = block_cut(whole - 8 - 16)
+        cut = block_cut(whole - 8 - 16)
+        if not cut:
+            raise Damage(f"the chunk at {hex(address)} has lost its length")
+        size, count = cut
         step = size + 8
         raw = read_bytes(address + 16, (count - 1) * step + 8)
         for i in range(count):
@@ -236,7 +240,7 @@ def count_blocks(library, tag):
     try:
         for _ in blocks_of(library, tag):
             count += 1
-    except (Damage, *UNREADABLE) as error:
+    except UNREADABLE as error:
         return f"{count}+", error
     return str(count), None
 
@@ -250,7 +254,7 @@ def all_tags(library, report):
         for tag in chain(library["taglisthead"], "t_next", "t_prev"):
             seen.append(int(tag))
             yield tag
-    except (Damage, *UNREADABLE) as error:
+    except UNREADABLE as error:
         report.note("the list of tags", error)
         rest = []
         try:
@@ -258,7 +262,7 @@ def all_tags(library, report):
                 if int(tag) in seen:
                     break
                 rest.append(tag)
-        except (Damage, *UNREADABLE) as error_behind:
+        except UNREADABLE as error_behind:
             report.note("the list of tags from its end", error_behind)
         yield from reversed(rest)
 
@@ -295,16 +299,12 @@ def show_tags(library):
                         for c in ("used", "free", "overhead")]
             report.add(hex(address), name, kind, count, *counters, state_of(tag["t_sem"]),
                        shown(tag["t_jmpbuf"]))
-        except (Damage, *UNREADABLE) as unreadable:
+        except UNREADABLE as unreadable:
             error = unreadable
             report.add(hex(address), name, *"???????")
         if error:
             report.note(f"tag {hex(address)}", error)
     report.show("There is no tag.")
-    show_large_blocks(library)
-
-
-def show_large_blocks(library):
     limit = int(library["psp_memlimit"])
     gdb.write(f"Chunks of all tags together: {pair(library['psp_mem_stats'])} bytes, "
               f"{f'limit {limit}' if limit else 'no limit'}.\n")
@@ -446,7 +446,7 @@ def show_locks(library):
                 held = entry["obj"]["m"]
                 mutexes.add(hex(place), names.get(place, "-"), int(held["count"]),
                             *threads.held(held["mutex"], int(held["id"])))
-        except (Damage, *UNREADABLE) as error:
+        except UNREADABLE as error:
             mutexes.note(f"object {hex(place)}", error)
     mutexes.show("No mutex is held.")
     for circle in threads.circles():
@@ -465,7 +465,7 @@ def found_blocks(library, tag, record, report, place):
         for address, requested in blocks_of(library, tag):
             if requested == size:
                 yield library.record(record, address)
-    except (Damage, *UNREADABLE) as error:
+    except UNREADABLE as error:
         report.note(place, error)
 
 
@@ -523,7 +523,7 @@ def add_row(report, place, cells):
     """A row of what `cells` gives, or a note why there is none."""
     try:
         report.add(hex(place), *cells())
-    except (Damage, *UNREADABLE) as error:
+    except UNREADABLE as error:
         report.note(hex(place), error)
 
 
@@ -559,7 +559,7 @@ def add_levels(report, name, stack):
                        read_text(info["name"]))
         if depth == 0:
             report.add(name, "empty", "-", "-")
-    except (Damage, *UNREADABLE) as error:
+    except UNREADABLE as error:
         report.note(f"output stack {name}", error)
 
 
