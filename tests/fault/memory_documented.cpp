@@ -43,8 +43,11 @@ Documented from(const std::string& comment, const std::string& declaration)
 void read_header(const std::string& text, std::map<std::string, Documented>& functions)
 {
     static const std::regex name(R"((\w+)\()");
-    for (std::size_t at = text.find("/**"); at != std::string::npos; at = text.find("/**", at + 3)) {
-        const std::size_t end = text.find("*/", at);
+    for (std::size_t at = text.find("/**"); at != std::string::npos;
+         at = text.find("/**", at + 3)) {
+        std::size_t end = text.find("*/", at);
+        if (text.compare(end + 2, 4, "\n/* ") == 0) // a remark for whoever changes the header
+            end = text.find("*/", end + 2);
         const std::string declaration = text.substr(end + 2, text.find(';', end) - end - 2);
         std::smatch match;
         if (declaration.starts_with("\nPSP_API") && std::regex_search(declaration, match, name))
@@ -103,10 +106,13 @@ TEST_F(Documentation, NamesEveryCodeThatARefusalOfMemoryGives)
 
 TEST_F(Documentation, SaysOfEveryFunctionWhetherItJumps)
 {
-    each([](const std::string& function, const Documented& documented, const Row& row) {
-        EXPECT_EQ(documented.jumps.starts_with("never"), row.jumps == Jumps::never)
-            << function << " jumps: " << documented.jumps;
+    std::map<std::string, bool> jumping; // a function may have rows of both kinds
+    each([&](const std::string& function, const Documented&, const Row& row) {
+        jumping[function] |= row.jumps != Jumps::never;
     });
+    for (const auto& [function, jumps] : jumping)
+        EXPECT_NE(headers.at(function).jumps.starts_with("never"), jumps)
+            << function << " jumps: " << headers.at(function).jumps;
     for (const NeverAllocates& row : never_allocating()) {
         const std::string& jumps = headers.at(row.function).jumps;
         EXPECT_TRUE(jumps.starts_with("never") || jumps.starts_with("only through"))
