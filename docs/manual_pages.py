@@ -7,6 +7,7 @@ import gzip
 import pathlib
 import re
 import sys
+import textwrap
 
 from reference_xml import RULES, Reference, text_of
 
@@ -173,6 +174,14 @@ def see_also(page, family, names):
     page.lines += others + [f".BR zynpsp\\-{family.name} (7)"]
 
 
+def synopsis(declaration):
+    """The declaration as C writes it, its arguments under one another where the line is too long."""
+    whole = f"{declaration.type} {declaration.name}{declaration.arguments};".replace("* ", "*")
+    # It breaks between arguments, nowhere else.
+    kept = re.sub(r"(?<!,) ", "\xa0", whole)
+    return [line.replace("\xa0", " ") for line in textwrap.wrap(kept, 72, subsequent_indent=" " * 8)]
+
+
 def declaration_page(declaration, version):
     """The page of a function or a data object."""
     page = head(declaration.name, 3, declaration.brief, version)
@@ -180,8 +189,8 @@ def declaration_page(declaration, version):
     page.text("zynpsp (\\fB\\-lzynpsp\\-14\\fR)")
     page.macro(".SH SYNOPSIS")
     page.lines += [".nf", ".B #include <psp.h>", ".sp"]
-    page.text(f"\\fB{escaped(declaration.type.removeprefix('extern ').strip())} "
-              f"{escaped(declaration.name + declaration.arguments)};\\fR")
+    for line in synopsis(declaration):
+        page.text(f"\\fB{escaped(line)}\\fR")
     page.macro(".fi")
     page.macro(".SH DESCRIPTION")
     blocks(declaration.brief, page, first=True)
@@ -216,6 +225,7 @@ def family_page(family, version):
     page.macro(".SH SYNOPSIS")
     page.macro(".B #include <psp.h>")
     page.macro(".SH DESCRIPTION")
+    blocks(family.brief, page, first=True)
     blocks(family.detail, page, first=True)
     for title, kinds in (("TYPES AND CONSTANTS", ("typedef", "enum", "define")),
                          ("FUNCTIONS", ("function",)), ("DATA", ("variable",))):
