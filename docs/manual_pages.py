@@ -177,6 +177,8 @@ def see_also(page, family, names):
 def synopsis(declaration):
     """The declaration as C writes it, its arguments under one another where the line is too long."""
     whole = f"{declaration.type} {declaration.name}{declaration.arguments};".replace("* ", "*")
+    if declaration.kind == "variable":
+        whole = f"extern {whole}"
     # It breaks between arguments, nowhere else.
     kept = re.sub(r"(?<!,) ", "\xa0", whole)
     return [line.replace("\xa0", " ") for line in textwrap.wrap(kept, 72, subsequent_indent=" " * 8)]
