@@ -28,12 +28,13 @@ file(CHMOD ${library} ${debug_file}
   PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 
 # What the library needs at run time. CPack would ask the same tool, but then also call ldconfig
-# from scripts, where a trigger is enough.
-set(scratch ${CPACK_TEMPORARY_DIRECTORY}/shlibdeps)
-file(WRITE ${scratch}/debian/control "")
-execute_process(COMMAND dpkg-shlibdeps -O ${library} WORKING_DIRECTORY ${scratch}
+# from scripts, where a trigger is enough. The tool wants to be in the tree of a source package.
+set(package ${CPACK_TEMPORARY_DIRECTORY}/Runtime)
+file(MAKE_DIRECTORY ${package}/DEBIAN)
+file(WRITE ${package}/debian/control "")
+execute_process(COMMAND dpkg-shlibdeps -O ${library} WORKING_DIRECTORY ${package}
   OUTPUT_VARIABLE output OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-file(REMOVE_RECURSE ${scratch})
+file(REMOVE_RECURSE ${package}/DEBIAN ${package}/debian)
 string(REPLACE "shlibs:Depends=" "" CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${output}")
 
 # Each package has its documents in a directory of its own name.

@@ -13,21 +13,16 @@ trap 'rm -rf "$scratch"' EXIT
 "${CC:-cc}" -shared -o "$scratch/libzynpsp-14.so" -Wl,-soname,libzynpsp-14.so \
   -Wl,--whole-archive "$archive" -Wl,--no-whole-archive -lm
 
+export LD_LIBRARY_PATH=${library%/*}
+fail() { printf 'FAIL: %s\n' "$*"; exit 1; }
+
 for program in "$@"; do
   "${CC:-cc}" -o "$scratch/program" "$program" -I"$include" -L"$scratch" -lzynpsp-14
-  if readelf -VW "$scratch/program" | grep -q ZYNPSP; then
-    echo "FAIL: $program was to be linked without versions"
-    exit 1
-  fi
-  export LD_LIBRARY_PATH=${library%/*}
-  if ! ldd "$scratch/program" | grep -qF " $library "; then
-    echo "FAIL: $program runs with another library"
-    exit 1
-  fi
-  "$scratch/program" >"$scratch/output" 2>&1 || { cat "$scratch/output"; exit 1; }
-  if [ -s "$scratch/output" ] && grep -q "version information" "$scratch/output"; then
-    cat "$scratch/output"
-    exit 1
-  fi
+  versions=$(readelf -VW "$scratch/program")
+  [[ $versions != *ZYNPSP* ]] || fail "$program was to be linked without versions"
+  libraries=$(ldd "$scratch/program")
+  [[ $libraries == *" $library "* ]] || fail "$program runs with another library: $libraries"
+  output=$("$scratch/program" 2>&1) || fail "$program: $output"
+  [[ $output != *"version information"* ]] || fail "$program: $output"
 done
 echo "programs from before the versions: $# run"
