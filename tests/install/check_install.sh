@@ -41,6 +41,7 @@ if grep -rlFI -e "$build" -e "$source" "$prefix" >"$scratch/knowing"; then
 fi
 
 # What a program needs to run is one file; stripped, it is without debug information.
+mkdir "$scratch/runtime"
 quietly cmake --install "$build" --prefix "$scratch/runtime" --component Runtime --strip
 (cd "$scratch/runtime" && find . ! -type d) >"$scratch/files"
 [ "$(<"$scratch/files")" = "./$lib/libzynpsp-14.so" ] || fail "Runtime has $(<"$scratch/files")"

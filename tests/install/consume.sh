@@ -24,17 +24,20 @@ expect_greeting() {
   echo "$1: a program in $3 built and run"
 }
 
-# consume_by_cmake HOW LIBRARY ARGUMENT...: a project in C alone and one in C++ alone, each with the
-# shared library and the static one, in one build directory: what they compile alike is compiled
-# once.
+# consume_by_cmake HOW LIBRARY ARGUMENT...: a project in C alone, then one in C and C++, each program
+# with the shared library and with the static one. Both projects are built in one directory: what
+# they compile alike is compiled once.
 consume_by_cmake() {
-  local how=$1 library=$2 language
+  local how=$1 library=$2 languages language
   shift 2
-  for language in C CXX; do
-    quietly cmake -S "$consumer" -B "$scratch/consumer" -DLANGUAGE=$language -DHOW="$how" "$@"
+  for languages in C "C;CXX"; do
+    quietly cmake -S "$consumer" -B "$scratch/consumer" -DLANGUAGES="$languages" -DHOW="$how" "$@"
     quietly cmake --build "$scratch/consumer" --parallel 2
-    expect_greeting "$how, shared" "$scratch/consumer/program_zynpsp" "${language/XX/++}" "$library"
-    expect_greeting "$how, static" "$scratch/consumer/program_static" "${language/XX/++}"
+    for language in ${languages/;/ }; do
+      expect_greeting "$how, shared" "$scratch/consumer/${language}_zynpsp" "${language/XX/++}" \
+        "$library"
+      expect_greeting "$how, static" "$scratch/consumer/${language}_static" "${language/XX/++}"
+    done
   done
 }
 
@@ -55,7 +58,7 @@ consume_by_pkg_config() {
   expect_greeting pkg-config "$scratch/pc_c" C "$library"
   expect_greeting pkg-config "$scratch/pc_cpp" C++ "$library"
   read -ra flags < <(pkg-config --static --cflags --libs zynpsp-14)
-  # The linker warns of functions that load modules and find users; the library says no more of it.
+  [[ " ${flags[*]} " == *" -lm "* ]] || fail "pkg-config --static leaves out the maths library"
   quietly "${CC:-cc}" -static -o "$scratch/pc_static" "$consumer/program.c" "${flags[@]}"
   expect_greeting "pkg-config --static" "$scratch/pc_static" C
 }
