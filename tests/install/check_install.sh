@@ -57,7 +57,7 @@ consume_by_pkg_config "$library" "$libdir/pkgconfig"
 mkdir "$scratch/versions"
 cat >"$scratch/versions/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.22)
-project(versions LANGUAGES NONE)
+project(versions LANGUAGES C)
 foreach(version 13 13.9 14.1.3223 14.2 15)
   find_package(zynpsp ${version} CONFIG QUIET)
   if(zynpsp_FOUND)
