@@ -35,6 +35,9 @@ lib=${libdir#"$prefix"/}
   >"$scratch/diff" ||
   fail "installed (<) and to be installed (>) differ:"$'\n'"$(<"$scratch/diff")"
 
+empty=$(find "$prefix" -type d -empty)
+[ -z "$empty" ] || fail "empty directories: $empty"
+
 # No text installed knows where it was built.
 if grep -rlFI -e "$build" -e "$source" "$prefix" >"$scratch/knowing"; then
   fail "a path of the build stands in $(<"$scratch/knowing")"
