@@ -35,15 +35,13 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zynpsp-14.pc
 
 # gdb's commands. It looks for them under its data directory and the full path of the library, which
 # only the installation knows.
-if(EXISTS ${PROJECT_SOURCE_DIR}/scripts/gdb/zynpsp.py)
-  install(CODE "
-    cmake_path(APPEND libdir \"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_INSTALL_LIBDIR}\")
-    cmake_path(APPEND datadir \"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_INSTALL_DATADIR}\")
-    file(INSTALL \"${PROJECT_SOURCE_DIR}/scripts/gdb/zynpsp.py\"
-      DESTINATION \"\${datadir}/gdb/auto-load\${libdir}\"
-      TYPE FILE RENAME libzynpsp-14.so-gdb.py)"
-    COMPONENT Development)
-endif()
+install(CODE "
+  cmake_path(APPEND libdir \"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_INSTALL_LIBDIR}\")
+  cmake_path(APPEND datadir \"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_INSTALL_DATADIR}\")
+  file(INSTALL \"${PROJECT_SOURCE_DIR}/scripts/gdb/zynpsp.py\"
+    DESTINATION \"\${datadir}/gdb/auto-load\${libdir}\"
+    TYPE FILE RENAME libzynpsp-14.so-gdb.py)"
+  COMPONENT Development)
 
 # The guides, as they refer to one another.
 install(FILES LICENSE README.md CHANGELOG.md

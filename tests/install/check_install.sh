@@ -27,8 +27,7 @@ lib=${libdir#"$prefix"/}
     "$lib/cmake/zynpsp/zynpspConfig-*.cmake"
   printf 'share/doc/zynpsp/%s\n' LICENSE README.md CHANGELOG.md
   (cd "$source" && find docs -name '*.md' -o -name '*.svg') | sed 's|^|share/doc/zynpsp/|'
-  [ ! -e "$source/scripts/gdb/zynpsp.py" ] ||
-    echo "share/gdb/auto-load$scratch/installed/$lib/libzynpsp-14.so-gdb.py"
+  echo "share/gdb/auto-load$scratch/installed/$lib/libzynpsp-14.so-gdb.py"
 } | sort >"$scratch/expected"
 (cd "$prefix" && find . ! -type d | sed 's|^\./||; s|zynpspConfig-[a-z]*\.|zynpspConfig-*.|') |
   sed '\|^share/doc/zynpsp/html/|d; \|^share/man/|d' | sort | diff - "$scratch/expected" \
