@@ -49,15 +49,3 @@ foreach(place ${runtime}/share/doc/libzynpsp-14 ${development}/share/doc/libzynp
   configure_file(${CPACK_PSP_SOURCE_DIR}/CHANGELOG.md ${place}/changelog COPYONLY)
   psp_run(${GZIP} -9n ${place}/changelog)
 endforeach()
-
-# Manual pages are packed compressed; a page that is a link leads to a compressed one.
-file(GLOB pages ${development}/share/man/man*/*.[1-9])
-foreach(page IN LISTS pages)
-  if(IS_SYMLINK ${page})
-    file(READ_SYMLINK ${page} target)
-    file(REMOVE ${page})
-    file(CREATE_LINK ${target}.gz ${page}.gz SYMBOLIC)
-  else()
-    psp_run(${GZIP} -9n ${page})
-  endif()
-endforeach()
