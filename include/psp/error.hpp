@@ -155,9 +155,11 @@ class code_category final : public std::error_category {
 
 } // namespace psp
 
-/** Lets `std::error_code` be made of, and compared with, a psp::code. */
+/** @cond */
+// Lets `std::error_code` be made of, and compared with, a psp::code.
 template <>
 struct std::is_error_code_enum<psp::code> : std::true_type {
 };
+/** @endcond */
 
 #endif
