@@ -11,8 +11,7 @@
 
 #include <atomic>
 #include <chrono>
-
-#include <sched.h>
+#include <utility>
 
 namespace psp {
 
@@ -81,102 +80,6 @@ class mutex : public owner<detail::sem_traits> {
 };
 
 /**
- * A mutex that can be tried; Lockable, so `std::scoped_lock` and `std::lock` take several of them,
- * and mixed with other mutexes.
- *
- * It counts its users beside a psp::mutex, which costs two atomic operations a level. All must lock
- * it here: who enters native() with psp_syncEnterExcl() is not counted.
- *
- * @threads{as for psp::mutex} @before{create() gives an empty one} @jumps{never} @owner{the mutex;
- * an empty one must not be locked}
- */
-class try_mutex {
-  public:
-    /** Owns nothing. */
-    try_mutex() = default;
-
-    /** Takes over a mutex that nobody holds. @param other is empty afterwards */
-    try_mutex(try_mutex&& other) noexcept : mutex_(std::move(other.mutex_)) {}
-
-    /** Takes over a mutex that nobody holds; nor may anybody hold this one.
-     * @param other is empty afterwards
-     * @return this */
-    try_mutex& operator=(try_mutex&& other) noexcept
-    {
-        mutex_ = std::move(other.mutex_);
-        return *this;
-    }
-
-    /** Releases it. */
-    ~try_mutex() = default;
-
-    /** Makes a mutex like mutex::create(). @param at the caller's source position
-     * @return the mutex; empty when the library is not initialised */
-    [[nodiscard]] static try_mutex create(position at = position::here()) noexcept
-    {
-        try_mutex made;
-        made.mutex_ = mutex::create(at);
-        return made;
-    }
-
-    /** Whether there is a mutex. */
-    explicit operator bool() const noexcept
-    {
-        return static_cast<bool>(mutex_);
-    }
-
-    /** The handle, for diagnostics. @return it; ::PSP_SEM_INVALID when empty */
-    [[nodiscard]] PSP_SEM native() const noexcept
-    {
-        return mutex_.native();
-    }
-
-    /** Acquires it, waiting for its turn; its holder may do so again. */
-    void lock() noexcept
-    {
-        // While somebody tries, which takes a few instructions, nobody may come in between.
-        if ((users_.fetch_add(1, std::memory_order_acquire) & trying) != 0)
-            wait_for_trial();
-        mutex_.lock();
-    }
-
-    /**
-     * Acquires it without waiting for a holder.
-     * @return whether it was acquired; false while anybody holds it or waits for it, the calling
-     *         thread included
-     */
-    [[nodiscard]] bool try_lock() noexcept
-    {
-        std::uint32_t nobody = 0;
-        if (!users_.compare_exchange_strong(nobody, trying | 1, std::memory_order_acquire,
-                                            std::memory_order_relaxed))
-            return false;
-        mutex_.lock(); // free: the last holder left it, and who comes waits for the trial's end
-        users_.fetch_and(~trying, std::memory_order_release);
-        return true;
-    }
-
-    /** Gives one level up; only its holder may. */
-    void unlock() noexcept
-    {
-        mutex_.unlock();
-        users_.fetch_sub(1, std::memory_order_release);
-    }
-
-  private:
-    static constexpr std::uint32_t trying = UINT32_C(0x80000000);
-
-    void wait_for_trial() const noexcept
-    {
-        while ((users_.load(std::memory_order_acquire) & trying) != 0)
-            sched_yield();
-    }
-
-    mutex mutex_;
-    std::atomic<std::uint32_t> users_{0}; // levels held and waited for, and the bit of a trial
-};
-
-/**
  * A manual-reset event: once signalled it lets everybody through until it is cleared.
  *
  * @threads{any, but for moving, resetting and destroying: nobody may wait for it then}
@@ -237,6 +140,94 @@ class event : public owner<detail::sem_traits> {
             return wait(PSP_SYNC_FOREVER - 1);
         return wait(static_cast<std::uint32_t>(std::chrono::ceil<milliseconds>(time).count()));
     }
+};
+
+/**
+ * A mutex that can be tried; Lockable, so `std::scoped_lock` and `std::lock` take several of them,
+ * and mixed with other mutexes.
+ *
+ * It is made of an atomic word and an event for those that wait. Nobody waits in lock() and
+ * unlock() while nobody else is there, and no call is made then. It is not recursive.
+ *
+ * @threads{any, but for moving and destroying: nobody may hold it, wait for it or be still inside
+ * unlock() then} @before{create() gives an empty one} @jumps{never} @owner{the event; an empty one
+ * must not be locked}
+ */
+class try_mutex {
+  public:
+    /** Owns nothing. */
+    try_mutex() = default;
+
+    /** Takes over a mutex that nobody holds. @param other is empty afterwards */
+    try_mutex(try_mutex&& other) noexcept : freed_(std::move(other.freed_)) {}
+
+    /** Takes over a mutex that nobody holds; nor may anybody hold this one.
+     * @param other is empty afterwards
+     * @return this */
+    try_mutex& operator=(try_mutex&& other) noexcept
+    {
+        freed_ = std::move(other.freed_);
+        return *this;
+    }
+
+    /** Releases it. */
+    ~try_mutex() = default;
+
+    /** Makes a mutex that nobody holds, with event::create(). @param at the caller's source
+     * position
+     * @return the mutex; empty when the library is not initialised */
+    [[nodiscard]] static try_mutex create(position at = position::here()) noexcept
+    {
+        try_mutex made;
+        made.freed_ = event::create(at);
+        return made;
+    }
+
+    /** Whether there is a mutex. */
+    explicit operator bool() const noexcept
+    {
+        return static_cast<bool>(freed_);
+    }
+
+    /** Acquires it, waiting for its turn. The calling thread must not hold it. */
+    void lock() noexcept
+    {
+        if (!try_lock())
+            wait_and_lock();
+    }
+
+    /** Acquires it if it is free. @return whether it was */
+    [[nodiscard]] bool try_lock() noexcept
+    {
+        state expected = state::free;
+        return state_.compare_exchange_strong(expected, state::held, std::memory_order_acquire,
+                                              std::memory_order_relaxed);
+    }
+
+    /** Gives it up; only its holder may. */
+    void unlock() noexcept
+    {
+        if (state_.exchange(state::free, std::memory_order_release) == state::awaited)
+            freed_.signal();
+    }
+
+  private:
+    enum class state : std::uint32_t { free, held, awaited };
+
+    // Who clears the event then marks the mutex as awaited, or gets it as such: whatever the order
+    // in which threads come here and others leave, a signal follows every clearing.
+    void wait_and_lock() noexcept
+    {
+        for (;;) {
+            freed_.clear();
+            if (state_.exchange(state::awaited, std::memory_order_acquire) == state::free)
+                return;
+            freed_.wait();
+        }
+    }
+
+    event freed_; // signalled when one who waits should look again
+    std::atomic<state> state_{state::free};
 };
 
 /** @} */
