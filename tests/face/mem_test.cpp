@@ -1,8 +1,10 @@
 // Tags, pools, and standard containers in a tag.
 #include "support/mem_test.h"
+#include "support/threads.h"
 
 #include "psp/mem.hpp"
 #include "psp/pool.hpp"
+#include "psp/sync.hpp"
 
 #include <cstdint>
 #include <cstring>
@@ -100,6 +102,40 @@ TEST_F(FaceMem, MadeObjectIsConstructedAndNotDestroyed)
         EXPECT_EQ(object->value, 17);
     }
     EXPECT_EQ(destroyed, 0);
+}
+
+// The object that the next mutex will be.
+PSP_SEM next_mutex()
+{
+    return psp::mutex::create().native();
+}
+
+TEST_F(FaceMem, TagHasAMutexOnlyForAnyThread)
+{
+    const PSP_SEM next = next_mutex();
+    const psp::tag without = psp::tag::create();
+    EXPECT_EQ(next_mutex(), next);
+    const psp::tag with = psp::tag::create(BLOCK_ALLOCATOR, psp::access::any_thread);
+    EXPECT_NE(next_mutex(), next);
+}
+
+TEST_F(FaceMem, TagAndPoolForAnyThreadServeSeveralAtOnce)
+{
+    psp::tag tag = psp::tag::create(LIST_ALLOCATOR, psp::access::any_thread);
+    psp::pool pool = psp::pool::create(nullptr, psp::access::any_thread);
+    run_together(4, [&](int number) {
+        for (int i = 0; i < 3000; i++) {
+            const std::size_t size = 16 + static_cast<std::size_t>(i % 50) * 16;
+            void* const block = tag.allocate(size);
+            void* const object = pool.get(64);
+            std::memset(block, number, size);
+            std::memset(object, number, 64);
+            EXPECT_TRUE(holds(block, size, number));
+            EXPECT_TRUE(holds(object, 64, number));
+            tag.deallocate(block);
+            pool.put(object);
+        }
+    });
 }
 
 // ---- Pools ----

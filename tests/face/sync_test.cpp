@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <thread>
 #include <type_traits>
@@ -124,6 +126,36 @@ TEST_F(FaceSync, ManyThreadsGetATryMutexInTurn)
     EXPECT_TRUE(free_for_others(mutex));
 }
 
+// CPU time of the calling thread.
+std::chrono::nanoseconds cpu_time()
+{
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+TEST_F(FaceSync, WhoWaitsForATryMutexSleepsAndIsWoken)
+{
+    using namespace std::chrono_literals;
+    psp::try_mutex mutex = psp::try_mutex::create();
+    std::atomic<int> got{0};
+    mutex.lock();
+    const auto wait = [&] {
+        mutex.lock();
+        got++;
+        mutex.unlock();
+        EXPECT_LT(cpu_time(), 50ms);
+    };
+    std::thread first(wait);
+    std::thread second(wait);
+    std::this_thread::sleep_for(300ms); // long enough for a thread that does not sleep to show it
+    EXPECT_EQ(got, 0);
+    mutex.unlock();
+    first.join();
+    second.join();
+    EXPECT_EQ(got, 2);
+}
+
 TEST_F(FaceSync, TriesAndLocksTogetherKeepOthersOut)
 {
     psp::try_mutex mutex = psp::try_mutex::create();
@@ -225,7 +257,20 @@ TEST_F(FaceSync, EventWaitsForADurationOfAnyUnit)
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(event.wait_for(1500us), sTIMEOUT);
     EXPECT_EQ(event.wait_for(std::chrono::duration<double>(0.0015)), sTIMEOUT);
-    EXPECT_GE(std::chrono::steady_clock::now() - before, 3ms) << "rounded up to 2 ms each";
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 4ms) << "rounded up to 2 ms each";
+}
+
+TEST_F(FaceSync, EventWaitsLongerThanMillisecondsOf32BitsTell)
+{
+    using namespace std::chrono_literals;
+    psp::event event = psp::event::create();
+    event.clear();
+    std::thread later([&] {
+        std::this_thread::sleep_for(20ms);
+        event.signal();
+    });
+    EXPECT_EQ(event.wait_for(std::chrono::milliseconds(INT64_C(1) << 32)), sOKAY);
+    later.join();
 }
 
 } // namespace

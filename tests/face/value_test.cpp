@@ -143,6 +143,24 @@ TEST_F(FaceValue, StreamReadsLinesOfAnyLength)
     EXPECT_EQ(tag.info().used.current, 0u);
 }
 
+TEST_F(FaceValue, LineBufferKnowsItsSizeAfterAMove)
+{
+    TempDir dir;
+    const std::string name = dir / "text";
+    const std::string line = std::string(5000, 'x') + "\n";
+    write_file(name, line + "short\n" + line);
+    psp::tag tag = psp::tag::create();
+    psp::stream in = psp::stream::open(name.c_str(), "r");
+    psp::line_buffer large(tag.native());
+    psp::line_buffer small(tag.native());
+    EXPECT_EQ(in.read_line(large), line);
+    EXPECT_STREQ(in.read_line(small), "short\n");
+    large = std::move(small);
+    EXPECT_LT(tag.info().used.current, 5000u) << "the large room is freed";
+    EXPECT_EQ(in.read_line(large), line);
+    EXPECT_GT(tag.info().used.current, 5000u) << "the small one grew";
+}
+
 TEST_F(FaceValue, StreamWritesUtf16AndReadsItAsUtf8)
 {
     TempDir dir;
