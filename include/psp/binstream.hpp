@@ -67,9 +67,8 @@ Callable& callable_at(const void* address) noexcept
  * rules.
  *
  * @threads{one at a time; the transport is called on the same thread} @before{create() gives an
- * empty one} @jumps{when the global tag has a jump buffer, create(); get_string() by the string's
- * tag} @owner{the stream; the callable stays the caller's and must outlive it. An empty one must
- * not be read from}
+ * empty one} @jumps{create() by the global tag, get_string() by the string's} @owner{the stream;
+ * the callable stays the caller's and must outlive it. An empty one must not be read from}
  */
 class binary_reader : public owner<detail::binary_reader_traits> {
   public:
@@ -171,7 +170,7 @@ class binary_reader : public owner<detail::binary_reader_traits> {
  * Puts typed values onto a transport; psp/binstream.h has the rules.
  *
  * @threads{one at a time; the transport is called on the same thread} @before{create() gives an
- * empty one} @jumps{when the global tag has a jump buffer} @owner{the stream; the callable stays
+ * empty one} @jumps{create() by the global tag} @owner{the stream; the callable stays
  * the caller's and must outlive it. What was not flushed is lost. An empty one must not be written
  * to}
  */

@@ -36,8 +36,8 @@ struct file_traits {
  * An open file. Each member is the psp_file... function of its name: psp/file.h has the rules.
  *
  * @threads{read_at() and write_at() any; the rest one at a time} @before{open() gives an empty one;
- * on an empty one transfers and length() give 0 and the others `eINVNULLARG`} @jumps{when the
- * global tag has a jump buffer, open() only} @owner{the handle and its descriptor}
+ * on an empty one transfers and length() give 0 and the others `eINVNULLARG`} @jumps{never}
+ * @owner{the handle and its descriptor}
  */
 class file : public owner<detail::file_traits> {
   public:

@@ -25,8 +25,9 @@ namespace psp {
  * A new file in the directory for temporary files, closed and removed at the end. The file is
  * there exactly once: a name that exists already is passed over.
  *
- * @threads{one at a time; it may move to another thread} @before{create() gives an empty one}
- * @jumps{when the global tag has a jump buffer, create() only} @owner{the file, its name and the
+ * @threads{one at a time; it may move to another thread; create() not inside the critical section}
+ * @before{create() gives an empty one}
+ * @jumps{create() by the global tag and by the thread's} @owner{the file, its name and the
  * entry in the directory}
  */
 class temporary_file {

@@ -25,8 +25,7 @@ namespace psp {
  * A NUL-terminated string in a tag, freed with its owner. Formats are those of psp/format.h.
  *
  * @threads{one at a time; a string of ::PSP_THREAD_TAG is destroyed by the thread that made it}
- * @before{format(), vformat() and copy() give an empty one} @jumps{with a tag that has a jump
- * buffer}
+ * @before{format(), vformat() and copy() give an empty one} @jumps{by the tag}
  * @owner{the text; destroy the string before its tag is freed, or release() it}
  */
 class string {

@@ -49,8 +49,8 @@ struct tag_traits {
  * it once the tag is gone; no destructor runs for what lies in it.
  *
  * @threads{one at a time, but with access::any_thread any, as far as the tag lives}
- * @before{create() gives an empty one; an empty one allocates nothing} @jumps{only with a jump
- * buffer} @owner{the tag and all its blocks}
+ * @before{create() gives an empty one; an empty one allocates nothing} @jumps{by the tag}
+ * @owner{the tag and all its blocks}
  */
 class tag : public owner<detail::tag_traits> {
   public:
@@ -176,9 +176,9 @@ class tag : public owner<detail::tag_traits> {
  * `std::terminate`. The tag must not have a jump buffer: the jump would leave the container's own
  * frames, which is undefined, and the resource does nothing to prevent it.
  *
- * @threads{as the tag: any when it has a mutex} @before{every allocation fails} @jumps{only with a
- * jump buffer, which is undefined} @owner{nothing: the tag must outlive the containers' use of it,
- * and may be freed under containers that are then neither used nor destroyed}
+ * @threads{as the tag: any when it has a mutex} @before{every allocation fails} @jumps{by the tag,
+ * which is undefined} @owner{nothing: the tag must outlive the containers' use of it, and may be
+ * freed under containers that are then neither used nor destroyed}
  */
 class memory_resource final : public std::pmr::memory_resource {
   public:

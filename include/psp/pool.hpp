@@ -38,9 +38,9 @@ struct pool_traits {
  * A pool of objects that are reused instead of made anew.
  *
  * @threads{one at a time, but with access::any_thread any; a tag given to create() then needs a
- * mutex only when it is used beside the pool} @before{create() gives an empty one} @jumps{with a
- * tag that has a jump buffer} @owner{the pool and its idle objects. Destroy it before its tag, and
- * give no object back afterwards}
+ * mutex only when it is used beside the pool} @before{create() gives an empty one} @jumps{create()
+ * and get() by the tag, and what the callbacks do} @owner{the pool and its idle objects. Destroy it
+ * before its tag, and give no object back afterwards}
  */
 class pool : public owner<detail::pool_traits> {
   public:

@@ -36,8 +36,8 @@ struct random_traits {
  * A reproducible generator; a standard uniform random bit generator, which gives the numbers of
  * `std::mt19937` with the same seed.
  *
- * @threads{one at a time} @before{create() gives an empty one} @jumps{when the global tag has a
- * jump buffer, create() only} @owner{the generator; an empty one must not be drawn from}
+ * @threads{one at a time} @before{create() gives an empty one} @jumps{create() by the global tag}
+ * @owner{the generator; an empty one must not be drawn from}
  */
 class random : public owner<detail::random_traits> {
   public:

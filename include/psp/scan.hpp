@@ -46,8 +46,8 @@ struct scan_traits {
  *
  * @threads{one: the names belong to the thread that goes through them, which also destroys the
  * scan}
- * @before{open() gives an empty one} @jumps{when the thread's tag or the global tag has a jump
- * buffer} @owner{the scan and the name found last}
+ * @before{open() gives an empty one} @jumps{open() by the global tag, a step by the thread's}
+ * @owner{the scan and the name found last}
  */
 class scan : public owner<detail::scan_traits> {
   public:

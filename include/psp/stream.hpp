@@ -84,9 +84,9 @@ class line_buffer {
  * A buffered text stream, UTF-8 to its user whatever the file holds; psp/stream.h has the rules.
  *
  * @threads{one at a time} @before{open() and open_standard() give an empty one; an empty one
- * refuses everything} @jumps{when the global tag has a jump buffer, the two that open only;
- * read_line() and print() by the tag that they use} @owner{the stream: what its cache holds is
- * written when it is destroyed. What the disk refuses is lost without notice; psp/file.hpp tells}
+ * refuses everything} @jumps{open(), open_standard() and print() by ::PSP_GLOBAL_TAG, read_line()
+ * by the tag of its line_buffer} @owner{the stream: what its cache holds is written when it is
+ * destroyed. What the disk refuses is lost without notice; psp/file.hpp tells}
  */
 class stream : public owner<detail::stream_traits> {
   public:
