@@ -146,8 +146,8 @@ class event : public owner<detail::sem_traits> {
  * A mutex that can be tried; Lockable, so `std::scoped_lock` and `std::lock` take several of them,
  * and mixed with other mutexes.
  *
- * It is made of an atomic word and an event for those that wait. Nobody waits in lock() and
- * unlock() while nobody else is there, and no call is made then. It is not recursive.
+ * It is made of an atomic word and an event for those that wait: while nobody else is there, lock()
+ * and unlock() are one atomic operation each and call nothing. It is not recursive.
  *
  * @threads{any, but for moving and destroying: nobody may hold it, wait for it or be still inside
  * unlock() then} @before{create() gives an empty one} @jumps{never} @owner{the event; an empty one
