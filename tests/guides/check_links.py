@@ -5,7 +5,8 @@ usage: check_links.py DIRECTORY PAGE...
   DIRECTORY   the repository; pages are named from there
 
 A link to a place outside is not followed. One within must name a file or directory that exists
-below DIRECTORY, and behind '#' one of the headings of that page.
+below DIRECTORY, and behind '#' one of the headings of that page. So must what stands between backticks
+alone and begins with a directory of the repository: `scripts/test`.
 """
 import re
 import sys
@@ -14,6 +15,7 @@ from pathlib import Path
 
 import markdown
 
+PLACES = re.compile(r"(?:bench|cmake|docs|examples|include|scripts|source|tests)/[\w./-]+")
 OUTSIDE = re.compile(r"[a-z][a-z0-9+.-]*:", re.I)
 
 
@@ -30,6 +32,9 @@ def broken(root, page):
         elif anchor and (file.suffix != ".md" or
                          anchor not in markdown.anchors(file.read_text())):
             yield f"{page}:{line}: {target}: there is no such heading"
+    for line, span in markdown.code_spans(text):
+        if PLACES.fullmatch(span) and not (root / span).exists():
+            yield f"{page}:{line}: {span}: there is no such file"
 
 
 def main():

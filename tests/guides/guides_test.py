@@ -337,6 +337,11 @@ class Guides(unittest.TestCase):
                 self.assertEqual(status, 1, said)
                 self.assertIn("there is no such file", said)
 
+    def test_ANameOfNoFileBetweenBackticksFails(self):
+        status, said = self.links("`scripts/x y`, `scripts/<x>`, `a/b`\n`scripts/x`")
+        self.assertEqual(status, 1, said)
+        self.assertEqual(said, "page.md:2: scripts/x: there is no such file\n")
+
     def test_ALinkToNoHeadingFails(self):
         status, said = self.links("# One\n\n[two](#two)")
         self.assertEqual(status, 1, said)

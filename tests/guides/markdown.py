@@ -111,6 +111,13 @@ def anchors(text):
     return names
 
 
+def code_spans(text):
+    """What stands between backticks, with the line it stands in."""
+    for number, line in _prose(text):
+        for span in CODE_SPAN.finditer(line):
+            yield number, span[0].strip("`").strip()
+
+
 def links(text):
     """The target of each link and picture with the line it stands in."""
     lines = [""] * text.count("\n") + [""]
