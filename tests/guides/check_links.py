@@ -5,8 +5,8 @@ usage: check_links.py DIRECTORY PAGE...
   DIRECTORY   the repository; pages are named from there
 
 A link to a place outside is not followed. One within must name a file or directory that exists
-below DIRECTORY, and behind '#' one of the headings of that page. So must what stands between backticks
-alone and begins with a directory of the repository: `scripts/test`.
+below DIRECTORY, and behind '#' one of the headings of that page. So must what stands alone between
+backticks and begins with a directory of the repository: `scripts/test`.
 """
 import re
 import sys

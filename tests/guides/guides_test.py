@@ -5,6 +5,7 @@ usage: guides_test.py [NAME...]   (a unittest program)
   PSPTEST_LIBRARY   where libzynpsp-14.so is
 """
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -263,6 +264,47 @@ class Guides(unittest.TestCase):
             cc start.c -lzynpsp-14 -o start && ./start
             ```
             """)
+
+    # ---- Clones ----
+
+    def tree(self):
+        """A repository with a page that is committed and changed, and a file that it lacks."""
+        tree = self.directory / "tree"
+        tree.mkdir()
+        self.page = tree / "page.md"
+        self.write("```sh\necho old $(ls)\n```\n```text\nold page.md\n```\n")
+        return tree
+
+    def git(self, tree, *arguments):
+        subprocess.run(["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x@example.org",
+                        *arguments], check=True, stdout=subprocess.DEVNULL)
+
+    def run_clone(self, tree):
+        return self.call("run_blocks.py", "--clone", "--tree", tree, "page.md")
+
+    @unittest.skipUnless(shutil.which("git"), "git is not there")
+    def test_ACloneHasWhatIsCommittedAndItsChangesAlone(self):
+        tree = self.tree()
+        self.git(tree, "init", "-q")
+        self.git(tree, "add", "page.md")
+        self.git(tree, "commit", "-q", "-m", "A page")
+        (tree / "build").mkdir()
+        (tree / "forgotten").write_text("")
+        status, said = self.run_clone(tree)
+        self.assertEqual((status, said), (0, "page.md:2: sh: runs and prints what is said\n"))
+        self.page.write_text(self.page.read_text().replace("old", "new"))
+        status, said = self.run_clone(tree)
+        self.assertEqual((status, said), (0, "a clone with the changes that are not committed\n"
+                                             "page.md:2: sh: runs and prints what is said\n"))
+        self.page.write_text(self.page.read_text().replace("echo new", "echo newer"))
+        self.assertEqual(self.run_clone(tree)[0], 1)
+
+    def test_ATreeThatIsNoRepositoryIsCopiedWithoutItsBuilds(self):
+        tree = self.tree()
+        (tree / "build").mkdir()
+        status, said = self.run_clone(tree)
+        self.assertEqual((status, said), (0, "a copy of the tree: git does not know it\n"
+                                             "page.md:2: sh: runs and prints what is said\n"))
 
     # ---- What is no block to run ----
 

@@ -5,7 +5,8 @@ usage: run_blocks.py [option...] PAGE...
   --check              runs nothing, only reads the pages
   --tree DIRECTORY     the repository; pages are named from there (the one this program lies in)
   --library DIRECTORY  where libzynpsp-14.so is (the tree's build/test)
-  --clone              works in a fresh clone of the tree, and reads the pages there
+  --clone              works in a fresh clone of the tree and reads the pages there; programs are
+                       linked with the library that their commands build, in build/release
   --leave-out COMMAND  does not run this line of the `sh` blocks, which must be there exactly once
   --limit SECONDS      of one block (60)
 CC and CXX name the compilers.
@@ -16,8 +17,8 @@ The word behind a block's fence says what happens to it:
            one: the usual headers and psp.h (psp.hpp too in C++) stand before it, psp_init() is
            called ahead of it and psp_term() behind it. Its own `#include`s move to the front.
   sh       is run by bash, and ends at the first command that fails. The blocks of a page are one
-           terminal: directory and exported variables carry over. $ZYNPSP is the repository, and
-           but for --clone the compilers find its headers and the library: `cc x.c -lzynpsp-14`.
+           terminal: directory and exported variables carry over. But for --clone, $ZYNPSP is the
+           repository, and compilers find headers and library: `cc x.c -lzynpsp-14`.
   text     is what the block right before it must print to standard output, if nothing but one line
            of prose that ends in ":" lies between; a line "..." stands for any lines. Elsewhere it
            is not looked at.
@@ -46,8 +47,8 @@ import markdown
 PROGRAMS = {"c": ("CC", "cc", "c11"), "cpp": ("CXX", "c++", "c++17")}
 SHOWN = {"text", "console", "cmake", "json", "mermaid", "gdb"}
 WARNINGS = ["-Wall", "-Wextra", "-Werror"]
-# Extensions of the language are looked for apart: the same switch would forbid flags of formats that
-# the library has and C has not.
+# Extensions of the language are looked for apart: the same switch would forbid flags of formats
+# that the library has and C has not.
 STRICT = ["-fsyntax-only", "-Wpedantic", "-Werror", "-Wno-format"]
 HEADERS = ["assert", "errno", "fcntl", "stdarg", "stdio", "stdlib", "string"]
 MAIN = re.compile(r"\bint\s+main\s*\(")
@@ -113,19 +114,20 @@ class Runner:
         self.directory = scratch / "page"
         self.left_out = []
         self.environment = os.environ | {
-            "HOME": str(scratch / "home"), "TMPDIR": str(scratch / "tmp"), "LC_ALL": "C.UTF-8",
-            "ZYNPSP": str(options.tree)}
+            "HOME": str(scratch / "home"), "TMPDIR": str(scratch / "tmp"), "LC_ALL": "C.UTF-8"}
 
     def begin(self):
-        """Makes the directory, empty or a clone, and gives the place that pages are read from."""
+        """Makes the directory, empty or a clone, which then counts as the tree."""
         if self.options.clone:
             clone(self.options.tree, self.directory)
-            return self.directory
+            self.options.tree = self.directory
+            self.options.library = self.directory / "build/release"
+            return
         self.directory.mkdir()
-        self.environment |= {"CPATH": f"{self.options.tree}/include",
+        self.environment |= {"ZYNPSP": str(self.options.tree),
+                             "CPATH": f"{self.options.tree}/include",
                              "LIBRARY_PATH": str(self.options.library),
                              "LD_LIBRARY_PATH": str(self.options.library)}
-        return self.options.tree
 
     def turn_page(self):
         """A new page is a new terminal."""
@@ -218,19 +220,31 @@ class Runner:
         return Path(told.read_text().rstrip("\n")) if told.exists() else self.directory
 
 
+def git(tree, *arguments, **further):
+    return subprocess.run(["git", "-C", tree, *arguments], stdout=subprocess.PIPE, **further)
+
+
+def is_repository(tree):
+    """Whether git reads the tree, and not one that the tree is a part of."""
+    if not shutil.which("git"):
+        return False
+    way_up = git(tree, "rev-parse", "--show-cdup", stderr=subprocess.DEVNULL)
+    return way_up.returncode == 0 and not way_up.stdout.strip()
+
+
 def clone(tree, target):
     """What somebody gets who fetches the repository, with the changes not yet committed to it.
-    Where there is no repository that git would read, a copy without what builds left."""
-    def git(*arguments, **further):
-        return subprocess.run(["git", *arguments], stdout=subprocess.PIPE, **further)
-    if not shutil.which("git") or git("-C", tree, "rev-parse", "HEAD").returncode:
-        shutil.copytree(tree, target, symlinks=True, ignore=shutil.ignore_patterns(".git", "build*"))
+    Where there is none, a copy without what builds left."""
+    if not is_repository(tree):
+        def built(directory, names):
+            return [name for name in names if Path(directory) == tree and name.startswith("build")]
+        shutil.copytree(tree, target, symlinks=True, ignore=built)
         print("a copy of the tree: git does not know it")
         return
-    git("clone", "--quiet", tree, target, check=True)
-    changes = git("-C", tree, "diff", "--binary", "HEAD", check=True).stdout
+    git(tree, "clone", "--quiet", tree, target, check=True)
+    changes = git(tree, "diff", "--binary", "HEAD", check=True).stdout
     if changes:
-        git("-C", target, "apply", input=changes, check=True)
+        git(target, "apply", input=changes, check=True)
         print("a clone with the changes that are not committed")
 
 
@@ -250,10 +264,10 @@ def main():
 
     with tempfile.TemporaryDirectory(prefix="zynpsp-pages-") as scratch:
         runner = Runner(options, Path(scratch))
-        tree = runner.begin()
+        runner.begin()
         ran = 0
         for page in options.pages:
-            blocks = markdown.blocks(page, (tree / page).read_text())
+            blocks = markdown.blocks(page, (options.tree / page).read_text())
             check(blocks)
             runner.turn_page()
             for block in [] if options.check else blocks:
