@@ -205,6 +205,50 @@ def growth(family, rows):
     return svg(width, 60 + height + 280 * lines, body, f"{family}: how the time grows")
 
 
+# What the guide to memory compares: jobs, and for each the bars with their row and side.
+ALLOCATORS = {
+    "a block of 64 bytes, got and freed": [
+        ("block tag", "mem/pair of 64 B", LIBRARY),
+        ("the thread's own tag", "mem/pair of 64 B, thread tag", LIBRARY),
+        ("block tag with a mutex", "mem/pair of 64 B, tag with a mutex", LIBRARY),
+        ("malloc", "mem/pair of 64 B", "glibc")],
+    "one of 100 k blocks of 64 bytes, got one by one and freed with their tag": [
+        ("stack tag", "mem/100 k blocks, then their stack tag", LIBRARY),
+        ("block tag", "mem/100 k blocks, then their block tag", LIBRARY),
+        ("list tag", "mem/100 k blocks, then their list tag", LIBRARY)],
+    "one of 10 k live blocks of 16 to 1024 bytes, replaced": [
+        ("block tag", "mem/random sizes, 10 k live", LIBRARY),
+        ("list tag", "best fit/list tag, 10 k live", LIBRARY),
+        ("malloc", "mem/random sizes, 10 k live", "glibc")],
+}
+
+
+def allocators(rows):
+    """What a block costs by allocator, as bars; nothing when a row was not measured."""
+    known = {f"{row.family}/{row.name}": row for row in rows}
+    bars = [bar for job in ALLOCATORS.values() for bar in job]
+    if any(row not in known or side not in known[row].sides for _, row, side in bars):
+        return None
+    width, left, right, step = 840, 190, 700, 22
+    longest = max(known[row].median(side) for _, row, side in bars)
+    body = [text(12, 22, "A block by allocator: nanoseconds", size=15, extra=' font-weight="bold"')]
+    y = 32
+    for job, members in ALLOCATORS.items():
+        y += 26
+        body.append(text(12, y, job, extra=' font-weight="bold"'))
+        for label, row, side in members:
+            y += step
+            low, median, high = known[row].sides[side]
+            end = left + (right - left) * median / longest
+            colour = LIBRARY_COLOUR if side == LIBRARY else PEER_COLOURS[0]
+            body += [text(left - 8, y, label, "end"),
+                     f'<rect x="{left}" y="{y - 12:.1f}" width="{end - left:.1f}" height="15" '
+                     f'fill="{colour}"><title>{html.escape(row)}: {rounded(median)} ns, the middle '
+                     f'half {rounded(low)} to {rounded(high)}</title></rect>',
+                     text(end + 6, y, rounded(median), size=11)]
+    return svg(width, y + 20, body, "What a block costs by allocator")
+
+
 def table(rows):
     """Every figure of a family."""
     lines = ["<table><tr><th>row</th><th>unit</th><th>library</th><th>peers</th><th>goals</th></tr>"]
@@ -302,6 +346,9 @@ def record(run, documents):
     for family, kind, picture in charts([Row(entry) for entry in figures["benchmarks"]]):
         name = f"performance-{family.replace(' ', '-')}-{kind}.svg"
         (documents / "pictures" / name).write_text(picture)
+    drawn = allocators([Row(entry) for entry in figures["benchmarks"]])
+    if drawn:
+        (documents / "pictures/allocators.svg").write_text(drawn)
 
 
 def main(arguments):
