@@ -15,7 +15,7 @@ from pathlib import Path
 
 import markdown
 
-PLACES = re.compile(r"(?:bench|cmake|docs|examples|include|scripts|source|tests)/[\w./-]+")
+PLACES = re.compile(r"(?:bench|cmake|docs|examples|scripts|source|tests)/[\w./-]+")
 OUTSIDE = re.compile(r"[a-z][a-z0-9+.-]*:", re.I)
 
 
