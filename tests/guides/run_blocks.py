@@ -206,13 +206,18 @@ class Runner:
         else:
             return
         directory = self.directory if block.word == "sh" else self._current()
-        output = self._call(block, command, "run", cwd=directory, env=self.environment | (
-            {} if block.word == "sh" else {"LD_LIBRARY_PATH": str(self.options.library)}))
+        print(f"{block.where}: {block.word}: ", end="", flush=True)
+        try:
+            output = self._call(block, command, "run", cwd=directory, env=self.environment | (
+                {} if block.word == "sh" else {"LD_LIBRARY_PATH": str(self.options.library)}))
+        except Failure:
+            print("fails", flush=True)
+            raise
         if block.expected and not printed_as_expected(output, block.expected.lines):
+            print("prints something else", flush=True)
             raise Failure(f"{block.where}: prints\n{output.decode(errors='replace')}"
                           f"{block.expected.where}: but is said to print\n{block.expected.text}")
-        print(f"{block.where}: {block.word}: runs"
-              f"{' and prints what is said' if block.expected else ''}", flush=True)
+        print("runs and prints what is said" if block.expected else "runs", flush=True)
 
     def _current(self):
         """Where the page's terminal is."""
