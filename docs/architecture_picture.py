@@ -32,14 +32,14 @@ def read_layers(directory):
 
 def read_functions(directory, layer_of):
     """header -> {public function that it declares: the layer of the source that defines it}."""
+    definition = re.compile(r"^(?:[^\s#/][^\n;=]*\b|)(\w+)\([^;{]*\{", re.MULTILINE)
+    defined = {name: layer_of[path.name] for path in directory.glob("*.cpp")
+               for name in definition.findall(path.read_text())}
     functions = collections.defaultdict(dict)
-    sources = {path.name: path.read_text() for path in directory.glob("*.cpp")}
     for row in (directory / "surface.txt").read_text().splitlines():
         if row.startswith("function"):
             _, name, _, header = row.split()
-            definition = re.compile(rf"^([^\s#/][^\n;=]*\b|){name}\([^;{{]*\{{", re.MULTILINE)
-            found = [source for source, text in sources.items() if definition.search(text)]
-            functions[header][name] = layer_of[found[0]]
+            functions[header][name] = defined[name]
     return functions
 
 
@@ -49,10 +49,10 @@ def read_uses(directory, layer_of, functions):
     uses = collections.defaultdict(lambda: collections.defaultdict(list))
     for file, layer in sorted(layer_of.items()):
         text = (directory / file).read_text()
+        called = set(re.findall(r"\b(\w+)\(", text))
         for header in re.findall(r'^#include "([^"]+)"', text, re.MULTILINE):
             used = {header: layer_of[header]} if header in layer_of else {
-                name: other for name, other in functions[header].items()
-                if re.search(rf"\b{name}\(", text)}
+                name: other for name, other in functions[header].items() if name in called}
             for name, other in used.items():
                 if other != layer:
                     uses[layer, other][file].append(name)
