@@ -47,8 +47,8 @@ import markdown
 PROGRAMS = {"c": ("CC", "cc", "c11"), "cpp": ("CXX", "c++", "c++17")}
 SHOWN = {"text", "console", "cmake", "json", "mermaid", "gdb"}
 WARNINGS = ["-Wall", "-Wextra", "-Werror"]
-# Extensions of the language are looked for apart: the same switch would forbid flags of formats
-# that the library has and C has not.
+# Extensions of C, functions within functions above all, are looked for apart: the same switch would
+# forbid flags of formats that the library has and C has not.
 STRICT = ["-fsyntax-only", "-Wpedantic", "-Werror", "-Wno-format"]
 HEADERS = ["assert", "errno", "fcntl", "stdarg", "stdio", "stdlib", "string"]
 MAIN = re.compile(r"\bint\s+main\s*\(")
@@ -165,7 +165,8 @@ class Runner:
         target = source.with_suffix("")
         compiler = [os.environ.get(variable, usual), f"-std={standard}", source,
                     f"-I{self.options.tree}/include"]
-        self._call(block, compiler + STRICT, "compile", cwd=self.options.tree)
+        if block.word == "c":
+            self._call(block, compiler + STRICT, "compile", cwd=self.options.tree)
         self._call(block, compiler + WARNINGS + [
             "-g", "-o", target, f"-L{self.options.library}", "-lzynpsp-14", "-lm", "-pthread"],
             "compile", cwd=self.options.tree)
