@@ -28,30 +28,6 @@ enum class byte_order {
 /** @cond */
 namespace detail {
 
-struct binary_reader_traits {
-    using native_type = PSP_INPUTBUFF;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type reader) noexcept
-    {
-        nothrow::psp_inputBuffDestroy(reader);
-    }
-};
-
-struct binary_writer_traits {
-    using native_type = PSP_OUTPUTBUFF;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type writer) noexcept
-    {
-        nothrow::psp_outputBuffDestroy(writer);
-    }
-};
-
 // The library calls back with the address of the callable.
 template <class Callable>
 Callable& callable_at(const void* address) noexcept
@@ -70,7 +46,8 @@ Callable& callable_at(const void* address) noexcept
  * empty one} @jumps{create() by the global tag, get_string() by the string's} @owner{the stream;
  * the callable stays the caller's and must outlive it. An empty one must not be read from}
  */
-class binary_reader : public owner<detail::binary_reader_traits> {
+class binary_reader
+    : public owner<detail::pointer_traits<PSP_INPUTBUFF, nothrow::psp_inputBuffDestroy>> {
   public:
     using owner::owner;
 
@@ -174,7 +151,8 @@ class binary_reader : public owner<detail::binary_reader_traits> {
  * the caller's and must outlive it. What was not flushed is lost. An empty one must not be written
  * to}
  */
-class binary_writer : public owner<detail::binary_writer_traits> {
+class binary_writer
+    : public owner<detail::pointer_traits<PSP_OUTPUTBUFF, nothrow::psp_outputBuffDestroy>> {
   public:
     using owner::owner;
 

@@ -14,24 +14,6 @@ namespace psp {
 /** @addtogroup cpp
  * @{ */
 
-/** @cond */
-namespace detail {
-
-struct file_traits {
-    using native_type = PSP_FH;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type file) noexcept
-    {
-        nothrow::psp_fileClose(file);
-    }
-};
-
-} // namespace detail
-/** @endcond */
-
 /**
  * An open file. Each member is the psp_file... function of its name: psp/file.h has the rules.
  *
@@ -39,7 +21,7 @@ struct file_traits {
  * on an empty one transfers and length() give 0 and the others `eINVNULLARG`} @jumps{never}
  * @owner{the handle and its descriptor}
  */
-class file : public owner<detail::file_traits> {
+class file : public owner<detail::pointer_traits<PSP_FH, nothrow::psp_fileClose>> {
   public:
     using owner::owner;
 

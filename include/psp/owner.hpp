@@ -127,6 +127,26 @@ class owner {
     native_type handle_;
 };
 
+/** @cond */
+namespace detail {
+
+// What owner wants to know of a handle that is a pointer and released by one call.
+template <class Handle, auto Close>
+struct pointer_traits {
+    using native_type = Handle;
+    static native_type none() noexcept
+    {
+        return nullptr;
+    }
+    static void close(native_type handle) noexcept
+    {
+        Close(handle);
+    }
+};
+
+} // namespace detail
+/** @endcond */
+
 /** @} */
 
 } // namespace psp

@@ -16,24 +16,6 @@ namespace psp {
 /** @addtogroup cpp
  * @{ */
 
-/** @cond */
-namespace detail {
-
-struct pool_traits {
-    using native_type = PSP_POOL;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type pool) noexcept
-    {
-        nothrow::psp_poolDestroy(pool);
-    }
-};
-
-} // namespace detail
-/** @endcond */
-
 /**
  * A pool of objects that are reused instead of made anew.
  *
@@ -42,7 +24,7 @@ struct pool_traits {
  * and get() by the tag, and what the callbacks do} @owner{the pool and its idle objects. Destroy it
  * before its tag, and give no object back afterwards}
  */
-class pool : public owner<detail::pool_traits> {
+class pool : public owner<detail::pointer_traits<PSP_POOL, nothrow::psp_poolDestroy>> {
   public:
     using owner::owner;
 

@@ -14,24 +14,6 @@ namespace psp {
 /** @addtogroup cpp
  * @{ */
 
-/** @cond */
-namespace detail {
-
-struct random_traits {
-    using native_type = PSP_RAND;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type generator) noexcept
-    {
-        nothrow::psp_randDestroy(generator);
-    }
-};
-
-} // namespace detail
-/** @endcond */
-
 /**
  * A reproducible generator; a standard uniform random bit generator, which gives the numbers of
  * `std::mt19937` with the same seed.
@@ -39,7 +21,7 @@ struct random_traits {
  * @threads{one at a time} @before{create() gives an empty one} @jumps{create() by the global tag}
  * @owner{the generator; an empty one must not be drawn from}
  */
-class random : public owner<detail::random_traits> {
+class random : public owner<detail::pointer_traits<PSP_RAND, nothrow::psp_randDestroy>> {
   public:
     using owner::owner;
 

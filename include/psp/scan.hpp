@@ -17,24 +17,6 @@ namespace psp {
 /** @addtogroup cpp
  * @{ */
 
-/** @cond */
-namespace detail {
-
-struct scan_traits {
-    using native_type = PSP_DIR;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type dir) noexcept
-    {
-        nothrow::psp_pathClose(dir);
-    }
-};
-
-} // namespace detail
-/** @endcond */
-
 /**
  * The names in a directory that match a pattern, as a range to be gone through once:
  *
@@ -49,7 +31,7 @@ struct scan_traits {
  * @before{open() gives an empty one} @jumps{open() by the global tag, a step by the thread's}
  * @owner{the scan and the name found last}
  */
-class scan : public owner<detail::scan_traits> {
+class scan : public owner<detail::pointer_traits<PSP_DIR, nothrow::psp_pathClose>> {
   public:
     using owner::owner;
 

@@ -19,24 +19,6 @@ namespace psp {
 /** @addtogroup cpp
  * @{ */
 
-/** @cond */
-namespace detail {
-
-struct stream_traits {
-    using native_type = PSP_FILE_STREAM;
-    static native_type none() noexcept
-    {
-        return nullptr;
-    }
-    static void close(native_type stream) noexcept
-    {
-        nothrow::psp_fclose(stream);
-    }
-};
-
-} // namespace detail
-/** @endcond */
-
 /**
  * Room for a line, which grows with the lines read into it: see stream::read_line().
  *
@@ -88,7 +70,7 @@ class line_buffer {
  * by the tag of its line_buffer} @owner{the stream: what its cache holds is written when it is
  * destroyed. What the disk refuses is lost without notice; psp/file.hpp tells}
  */
-class stream : public owner<detail::stream_traits> {
+class stream : public owner<detail::pointer_traits<PSP_FILE_STREAM, nothrow::psp_fclose>> {
   public:
     using owner::owner;
 
