@@ -73,6 +73,7 @@ class temporary_file {
                                                     &counter, base, ext, xflags, PSP_GLOBAL_TAG)));
             if (!made.name_)
                 return made;
+            errno = 0; // a switch that forbids the file leaves it alone
             made.file_ = file::open(made.name_.c_str(), O_RDWR | O_CREAT | O_EXCL, xflags);
         } while (!made.file_ && nothrow::psp_errno() == EEXIST);
         if (!made.file_)

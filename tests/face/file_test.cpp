@@ -7,6 +7,7 @@
 #include "psp/tmpdir.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -211,6 +212,18 @@ TEST_F(TemporaryFile, IsEmptyWithoutADirectory)
     EXPECT_FALSE(temporary);
     EXPECT_EQ(temporary.name(), nullptr);
     unsetenv("ZYN_TMPDIR");
+}
+
+TEST_F(TemporaryFile, IsEmptyWhereNoneMayBeMade)
+{
+    const int status = psptest::run_in_child([&] {
+        alarm(10); // in place of looking for a free name without end
+        setenv("ZYN_TMPDIR", dir.c_str(), 1);
+        psp_rdonly();
+        errno = EEXIST; // left by an earlier call
+        return psp::temporary_file::create() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
 }
 
 // ---- Directories ----
