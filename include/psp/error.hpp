@@ -116,7 +116,7 @@ class code_category final : public std::error_category {
 /**
  * The category of the library's codes: "zynpsp".
  *
- * Nine codes are also equal to a condition of `std::errc`: `sDUPLICATE` file_exists, `sTIMEOUT`
+ * Ten codes are also equal to a condition of `std::errc`: `sDUPLICATE` file_exists, `sTIMEOUT`
  * timed_out, `eNOMEMORY` not_enough_memory, `eNOTIMPLEMENTED` function_not_supported,
  * `eINVNULLARG` and `eINVSTRING` invalid_argument, `eBADREAD` and `eBADWRITE` io_error, `eRANGE`
  * result_out_of_range, `eINVUNICODE` illegal_byte_sequence.
