@@ -206,8 +206,9 @@ PSP_API ZYN_RETCODE psp_inputBuffGetStringWithLength(PSP_INPUTBUFF inBuff, char*
 /* ---- Output ---- */
 
 /**
- * Makes an output stream. Its buffer starts at 4096 bytes and grows by 1024 to 32768 before it is
- * written for the first time; from then on the transport gets blocks of 32768 bytes.
+ * Makes an output stream. Its buffer starts at 4096 bytes and grows by 1024 to 32768. With the last
+ * step it is written for the first time, 31744 bytes; from then on the transport gets blocks of
+ * 32768 bytes.
  * @param writeFcn the transport
  * @param dataCB   its context; not copied
  * @param byteswap not 0: numbers leave in the reversed byte order

@@ -4,8 +4,8 @@
  * or to a new string.
  *
  * A directive is `%[flags][width][.precision][modifier]conversion`, the conversion one of
- * `d i u o x X f F e E g G a A c s p n %`. The page of the family tells all about them, and every
- * difference from the C library's `printf`.
+ * `d i u o x X f F e E g G a A c s p n %`. The page of the family tells about them, and the guide
+ * to text shows every difference from the C library's `printf`.
  *
  * The engine allocates nothing, keeps no state between calls and works before psp_init(); only the
  * builders at the end of this file need a memory tag.

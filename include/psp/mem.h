@@ -109,8 +109,8 @@ extern PSP_API PSP_SEM largeBlockSem;
  * Creates a tag.
  * @param jb          where to jump when an allocation fails, or NULL for NULL results; it must stay
  *                    valid as long as the tag uses it (see psp_resetTag())
- * @param flags       1: the tag gets a mutex and may be shared by threads (it goes without if none
- *                    can be made); any other value: no mutex
+ * @param flags       1: the tag gets a mutex and may be shared by threads (where none can be made
+ *                    the process ends, as in psp_syncCreate_check()); any other value: no mutex
  * @param type        the tag's strategy
  * @param destroy_fcn called when the tag is destroyed, by psp_term() too; may be NULL
  * @param destroy_ctx argument of `destroy_fcn`; may be NULL

@@ -48,7 +48,8 @@ typedef struct LOG_CHUNK* PSP_LOG_CHUNK;
 
 /**
  * Makes a set of stacks: standard output and standard error lead to the process's streams, the log
- * is empty.
+ * is empty. Each has a mutex; where none can be made the process ends, as in
+ * psp_syncCreate_check().
  * @param ctx the caller's storage, which must stay where it is until psp_log_termCtx()
  * @retval sOKAY       the set is ready
  * @retval eINVNULLARG `ctx` is NULL

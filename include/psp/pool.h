@@ -55,7 +55,8 @@ typedef void (*PSP_POOL_DESTRUCTOR)(PSP_POOL_USERDATA userdata, const void* obje
  * @param tag         where the pool and its objects live; NULL: a tag of the pool's own, which goes
  *                    with it (destructors are then not called for idle objects)
  * @param size_info   recorded only
- * @param semName     not NULL: the pool gets a mutex; the text itself is not used
+ * @param semName     not NULL: the pool gets a mutex (where none can be made the process ends, as
+ *                    in psp_syncCreate_check()); the text itself is not used
  * @param constructor sets up a new object; may be NULL
  * @param destructor  tears an object down; may be NULL
  * @param userdata    first argument of both callbacks; may be NULL
