@@ -44,7 +44,7 @@ install(CODE "
   COMPONENT Development)
 
 # The guides, as they refer to one another.
-install(FILES LICENSE README.md CHANGELOG.md
+install(FILES LICENSE README.md CONTRIBUTING.md CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN reference EXCLUDE)

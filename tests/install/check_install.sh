@@ -25,7 +25,7 @@ lib=${libdir#"$prefix"/}
   printf '%s\n' "$lib/libzynpsp-14.so" "$lib/libzynpsp-14.a" "$lib/pkgconfig/zynpsp-14.pc" \
     "$lib/cmake/zynpsp/zynpspConfig.cmake" "$lib/cmake/zynpsp/zynpspConfigVersion.cmake" \
     "$lib/cmake/zynpsp/zynpspConfig-*.cmake"
-  printf 'share/doc/zynpsp/%s\n' LICENSE README.md CHANGELOG.md
+  printf 'share/doc/zynpsp/%s\n' LICENSE README.md CONTRIBUTING.md CHANGELOG.md
   (cd "$source" && find docs -name '*.md' -o -name '*.svg') | sed 's|^|share/doc/zynpsp/|'
   echo "share/gdb/auto-load$scratch/installed/$lib/libzynpsp-14.so-gdb.py"
 } | sort >"$scratch/expected"
