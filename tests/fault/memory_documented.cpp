@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -26,32 +26,53 @@ std::string content(const std::filesystem::path& path)
     return text.str();
 }
 
+// The identifier at a place in the text.
+std::string word_at(const std::string& text, std::size_t at)
+{
+    std::size_t end = at;
+    while (end < text.size() &&
+           (std::isalnum(static_cast<unsigned char>(text[end])) || text[end] == '_'))
+        ++end;
+    return text.substr(at, end - at);
+}
+
 Documented from(const std::string& comment, const std::string& declaration)
 {
-    static const std::regex retval(R"(@retval (\w+))");
-    static const std::regex jumps(R"(@jumps\{([^}]*)\})");
+    static const std::string retval = "@retval ";
+    static const std::string jumps = "@jumps{";
     Documented found;
     found.gives_code = declaration.find("ZYN_RETCODE") < declaration.find('(');
-    for (std::sregex_iterator it(comment.begin(), comment.end(), retval), end; it != end; ++it)
-        found.codes.insert((*it)[1]);
-    if (std::smatch match; std::regex_search(comment, match, jumps))
-        found.jumps = match[1];
+    for (std::size_t at = comment.find(retval); at != std::string::npos;
+         at = comment.find(retval, at + 1))
+        found.codes.insert(word_at(comment, at + retval.size()));
+    if (const std::size_t at = comment.find(jumps); at != std::string::npos) {
+        const std::size_t begin = at + jumps.size();
+        found.jumps = comment.substr(begin, comment.find('}', begin) - begin);
+    }
     return found;
+}
+
+// The function's name: what stands before its arguments.
+std::string name_in(const std::string& declaration)
+{
+    const std::size_t open = declaration.find('(');
+    if (open == std::string::npos)
+        return {}; // a data object
+    const std::size_t before = declaration.find_last_of(" *\n", open);
+    return word_at(declaration, before + 1);
 }
 
 // A comment, and behind it a function's declaration up to its end.
 void read_header(const std::string& text, std::map<std::string, Documented>& functions)
 {
-    static const std::regex name(R"((\w+)\()");
     for (std::size_t at = text.find("/**"); at != std::string::npos;
          at = text.find("/**", at + 3)) {
         std::size_t end = text.find("*/", at);
         if (text.compare(end + 2, 4, "\n/* ") == 0) // a remark for whoever changes the header
             end = text.find("*/", end + 2);
         const std::string declaration = text.substr(end + 2, text.find(';', end) - end - 2);
-        std::smatch match;
-        if (declaration.starts_with("\nPSP_API") && std::regex_search(declaration, match, name))
-            functions[match[1]] = from(text.substr(at, end - at), declaration);
+        if (declaration.starts_with("\nPSP_API"))
+            functions[name_in(declaration)] = from(text.substr(at, end - at), declaration);
     }
 }
 
