@@ -24,8 +24,6 @@ psp_run(${CPACK_PSP_STRIP} --strip-unneeded -R .comment ${library})
 psp_run(${CPACK_PSP_OBJCOPY} --add-gnu-debuglink=${debug_file} ${library})
 psp_run(${CPACK_PSP_STRIP} --strip-debug -R .comment -D
   ${development}/${CPACK_PSP_LIBDIR}/libzynpsp-14.a)
-file(CHMOD ${library} ${debug_file}
-  PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 
 # What the library needs at run time. CPack would ask the same tool, but then also call ldconfig
 # from scripts, where a trigger is enough. The tool wants to be in the tree of a source package.
@@ -49,3 +47,9 @@ foreach(place ${runtime}/share/doc/libzynpsp-14 ${development}/share/doc/libzynp
   configure_file(${CPACK_PSP_SOURCE_DIR}/CHANGELOG.md ${place}/changelog COPYONLY)
   psp_run(${GZIP} -9n ${place}/changelog)
 endforeach()
+
+# Everybody may read all of it, whatever umask the sources were fetched and the trees made under.
+file(CHMOD_RECURSE ${runtime} ${development}
+  FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+  DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+    GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The two Debian packages of a build: what they say about themselves, that they install into a root
-# directory of their own, that programs are built on what they install, that gdb finds the library's
-# lines, and that nothing is left when they are removed.
+# The two Debian packages, made as scripts/package makes them but of a build that is there: what they
+# say about themselves, that they install into a root directory of their own, that programs are built
+# on what they install, that gdb finds the library's lines, that the manual is there, and that nothing
+# is left when they are removed.
 # usage: check_packages.sh BUILD_DIRECTORY SOURCE_DIRECTORY
 #   CC, CXX, CMAKE_GENERATOR   what the programs are built with
 set -euo pipefail
@@ -15,7 +16,15 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 . "$source/tests/install/consume.sh"
 
-quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages"
+# The build's libraries and reference, put where a build for /usr has its own.
+has_reference=OFF
+[ ! -d "$build/docs/man" ] || has_reference=ON
+quietly cmake -S "$source" -B "$scratch/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON -DPSP_BUILD_EXAMPLES=OFF \
+  -DPSP_BUILD_DOCS=$has_reference
+cp "$build"/libzynpsp-14.{so,a} "$scratch/build/"
+[ $has_reference = OFF ] || cp -r "$build"/docs/{html,man} "$scratch/build/docs/"
+(umask 077 && quietly cpack --config "$scratch/build/CPackConfig.cmake" -B "$scratch/packages")
 architecture=$(dpkg --print-architecture)
 runtime=$scratch/packages/libzynpsp-14_14.1.3222_$architecture.deb
 development=$scratch/packages/libzynpsp-14-dev_14.1.3222_$architecture.deb
@@ -35,6 +44,8 @@ for package in "$runtime" "$development"; do
   expect_field "$package" Description 'platform-support library of a database engine*'
   dpkg-deb --fsys-tarfile "$package" | tar -tv >"$scratch/list"
   grep -v ' root/root ' "$scratch/list" && fail "${package##*/} has files that are not root's"
+  grep -vE '^(-rw-r--r--|drwxr-xr-x) ' "$scratch/list" &&
+    fail "${package##*/} has what not everybody may read, or more may change"
   dpkg-deb --ctrl-tarfile "$package" | tar -t >"$scratch/control"
   grep -E 'inst|rm$' "$scratch/control" && fail "${package##*/} runs scripts"
 done
@@ -51,7 +62,9 @@ for package in libc6 libc6-dev; do
   echo
   touch "$root/var/lib/dpkg/info/$package:$architecture".{list,md5sums}
 done >"$root/var/lib/dpkg/status"
-in_root() { PATH=$PATH:/usr/sbin:/sbin "${as_root[@]}" dpkg --root="$root" "$@"; }
+in_root() {
+  PATH=$PATH:/usr/sbin:/sbin "${as_root[@]}" dpkg --root="$root" --log="$scratch/dpkg.log" "$@"
+}
 
 in_root --install "$development" >"$scratch/log" 2>&1 &&
   fail "the development package installs without the library"
@@ -69,6 +82,15 @@ consume_by_pkg_config "$library" "${library%/*}/pkgconfig"
 
 sections=$(readelf -SW "$library")
 [[ $sections != *.debug_info* ]] || fail "the packed library has debug information"
+if [ $has_reference = ON ]; then
+  for file in man/man3/psp_fileOpen.3.gz man/man7/zynpsp-file.7.gz \
+    doc/libzynpsp-14-dev/html/index.html; do
+    [ -s "$root/usr/share/$file" ] || fail "no share/$file"
+  done
+  echo "the manual: there"
+else
+  echo "the manual: not made, not looked for"
+fi
 commands=$root/usr/share/gdb/auto-load${library#"$root"}-gdb.py
 [ -e "$commands" ] || fail "no $commands"
 if command -v gdb >/dev/null; then
