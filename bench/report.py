@@ -28,11 +28,11 @@ class Row:
     def __init__(self, entry):
         self.family, self.name = entry["name"].removesuffix("/iterations:1").split("/", 1)
         self.unit = entry.get("label", "")
-        self.error = entry.get("error_message")
         self.goals = {key[5:]: value for key, value in entry.items() if key.startswith("goal:")}
         self.ratios = {key[6:]: value for key, value in entry.items() if key.startswith("ratio:")}
         self.sides = {key[:-4]: (entry[key], entry[key[:-4]], entry[key[:-4] + ":high"])
                       for key in entry if key.endswith(":low")}
+        self.error = None if LIBRARY in self.sides else entry.get("error_message") or "no figures"
 
     def median(self, side):
         return self.sides[side][1]
@@ -43,7 +43,7 @@ class Row:
     def size(self):
         """(name with the size left open, size, its text), when the name has exactly one number."""
         found = SIZE.findall(self.name)
-        if len(found) != 1:
+        if len(found) != 1 or float(found[0][0]) == 0:  # which no axis of factors has
             return None
         number, unit = found[0]
         return (SIZE.sub("N", self.name), float(number) * FACTORS.get(unit, 1),
@@ -356,7 +356,10 @@ def main(arguments):
     if len(arguments) != (3 if recording else 2):
         sys.exit(__doc__)
     results, output = map(pathlib.Path, arguments[-2:])
-    run = json.loads(results.read_text())
+    figures = results.read_text()
+    if not figures:
+        sys.exit(f"{results} is empty: no row was measured")
+    run = json.loads(figures)
     if recording:
         record(run, output)
     else:

@@ -120,6 +120,19 @@ class Page(unittest.TestCase):
                       self.page)
         self.assertIn("1 of 3 goals are reached. Not measured: broken (no disk).", self.page)
 
+    def test_a_row_that_cannot_be_drawn_is_named_or_left_out_of_the_chart(self):
+        rows = [entry("fam/without us", {"peer": (1.0, 2.0, 3.0)}),
+                *(entry(f"fam/of {n} things", {"psp": (1.0, 2.0, 3.0)}) for n in (0, 1, 10, 100))]
+        made = report.page({**RUN, "benchmarks": rows})
+        self.assertIn("Not measured: without us (no figures).", made)
+        self.assertIn("of 0 things", made)
+        self.assertEqual(made.count("<svg"), 1)
+
+    def test_a_run_without_a_row_says_so(self):
+        with tempfile.NamedTemporaryFile() as empty, self.assertRaises(SystemExit) as stop:
+            report.main([empty.name, "page.html"])
+        self.assertIn("no row was measured", str(stop.exception))
+
     def test_all_its_pictures_are_well_formed(self):
         found = re.findall(r"<svg.*?</svg>", self.page, re.DOTALL)
         self.assertEqual(len(found), 3)
