@@ -135,10 +135,10 @@ class Runner:
             (self.scratch / "shell" / name).unlink(missing_ok=True)
 
     def _call(self, block, command, doing, **further):
-        """Runs a command in a process group of its own, which ends with it."""
+        """Runs a command without a terminal, in a process group of its own, which ends with it."""
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                    stderr=subprocess.STDOUT if doing == "compile" else
-                                   subprocess.PIPE, process_group=0, **further)
+                                   subprocess.PIPE, preexec_fn=os.setsid, **further)
         try:
             output, errors = process.communicate(timeout=self.options.limit)
             if process.returncode == 0:
