@@ -2,7 +2,7 @@
 """The static probes of a program with all of them: what the file tells, what the code has at their
 places, and what they tell when they fire.
 
-usage: check_probes.py notes|nops|fire PROGRAM READELF OBJDUMP GDB
+usage: check_probes.py notes|nops|fire|none PROGRAM READELF OBJDUMP GDB
 
 Ends with 77 where gdb may not trace a process.
 """
@@ -42,6 +42,12 @@ def told():
     return "" if found == set(PROBES.items()) else f"{found} is not {PROBES}"
 
 
+def none():
+    """A build that was not asked for probes has nothing of them."""
+    sections = output_of(READELF, "--sections", "--wide", PROGRAM)
+    return "" if ".text" in sections and "stapsdt" not in sections else sections
+
+
 def nops():
     """Nobody listens: each place is an instruction that does nothing."""
     for name, place, _, _ in notes():
@@ -75,6 +81,6 @@ def fire():
     return "" if fired(text) == expected else f"{expected}\nis what must fire, not\n{text}"
 
 
-failure = {"notes": told, "nops": nops, "fire": fire}[CASE]()
+failure = {"notes": told, "nops": nops, "fire": fire, "none": none}[CASE]()
 if failure:
     sys.exit(f"FAIL: {failure}")

@@ -11,6 +11,20 @@ trap 'rm -rf "$scratch"' EXIT
 prefix=$scratch/moved/zynpsp
 
 quietly cmake --install "$build" --prefix "$scratch/installed"
+
+# gdb, told where to look, has the commands as soon as it has the library.
+if command -v gdb >/dev/null; then
+  gdb -batch -nx -iex "set debuginfod enabled off" \
+    -iex "add-auto-load-scripts-directory $scratch/installed/share/gdb/auto-load" \
+    -iex "add-auto-load-safe-path $scratch/installed/share/gdb/auto-load" \
+    -ex "file $(find "$scratch/installed" -name libzynpsp-14.so)" -ex "help psp tags" \
+    >"$scratch/log" 2>&1 || true
+  grep -q "^usage: psp tags" "$scratch/log" || fail "gdb has no 'psp tags': $(<"$scratch/log")"
+  echo "gdb: has the commands"
+else
+  echo "gdb: not there, not tried"
+fi
+
 mkdir "$scratch/moved"
 mv "$scratch/installed" "$prefix"
 library=$(find "$prefix" -name libzynpsp-14.so)
