@@ -14,8 +14,10 @@ import xml.etree.ElementTree as ET
 import check_reference
 
 
-def member(root, name):
-    return next(node for node in root.iter("memberdef") if node.findtext("name") == name)
+def described(root, name):
+    """The declaration of that name, or the page of the family."""
+    return next((node for node in root.iter("memberdef") if node.findtext("name") == name),
+                root.find("compounddef"))
 
 
 def drop(root, tag, keep):
@@ -44,6 +46,14 @@ def without_brief(node):
     node.find("briefdescription").clear()
 
 
+def without_case(node):
+    next(node.iter("parameterdescription")).clear()
+
+
+def without_listing(node):
+    drop(node, "programlisting", lambda _: False)
+
+
 def without_value(node):
     without_brief(node.find("enumvalue"))
 
@@ -59,6 +69,9 @@ def without_null(node):
 
 
 GAPS = [
+    ("file", "file", "no brief", without_brief),
+    ("file", "file", "the page's headings are", without_rule("Failure")),
+    ("file", "file", "the page shows no programlisting", without_listing),
     ("file", "psp_fileOpen", "nothing about: Threads", without_rule("Threads")),
     ("file", "psp_fileOpen", "nothing about: Before psp_init()", without_rule("Before psp_init()")),
     ("file", "psp_fileOpen", "nothing about: Jumps", without_rule("Jumps")),
@@ -68,6 +81,8 @@ GAPS = [
     ("file", "psp_fileOpen", "says nothing about NULL", without_null),
     ("file", "psp_fileOpen", "no brief", without_brief),
     ("file", "psp_fileSync", "no @retval sOKAY", without_list("retval")),
+    ("file", "psp_fileOpen", "is not on the page of the family file", ET.Element.clear),
+    ("core", "psp_init", "@retval ['sOKAY'] without its case", without_case),
     ("core", "psp_init", "@retval eNOSUCHCODE is no code", with_unknown_code),
     ("core", "psp_inited", "nothing about: Threads", without_rule("Threads")),
     ("types", "PSP_UTF8_ERROR_BEHAVIOR", "PSP_UTF8_ERROR_BREAK is not described", without_value),
@@ -90,7 +105,7 @@ def main(xml, *lists):
             shutil.copytree(xml, copy)
             page = copy / f"group__{family}.xml"
             tree = ET.parse(page)
-            take_away(member(tree.getroot(), name))
+            take_away(described(tree.getroot(), name))
             tree.write(page)
             status, printed = check(copy, *lists)
             if status == 0 or f"{name}: {complaint}" not in printed:
