@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The two Debian packages, made as scripts/package makes them but of a build that is there: what they
 # say about themselves, that they install into a root directory of their own, that programs are built
-# on what they install, that gdb finds the library's lines, that the manual is there, and that nothing
-# is left when they are removed.
+# on what they install, that gdb finds the library's lines and records, that the manual is there, and
+# that nothing is left when they are removed.
 # usage: check_packages.sh BUILD_DIRECTORY SOURCE_DIRECTORY
 #   CC, CXX, CMAKE_GENERATOR   what the programs are built with
 set -euo pipefail
@@ -102,6 +102,17 @@ if command -v gdb >/dev/null; then
   [[ $line -ge $first && $line -lt $((first + 10)) ]] ||
     fail "psp_init begins in line $first; gdb says: $(<"$scratch/log")"
   echo "gdb: finds the library's lines"
+  SHELL=/bin/sh gdb -batch -nx -iex "set auto-load no" -iex "set debuginfod enabled off" \
+    -iex "set debug-file-directory $root/usr/lib/debug" -ex "source $commands" \
+    -ex "set breakpoint pending on" -ex "break psp_term" -ex run -ex "psp tags" \
+    "$scratch/consumer/C_zynpsp" </dev/null >"$scratch/log" 2>&1 || true
+  if grep -qE "ptrace: Operation not permitted|Could not trace the inferior" "$scratch/log"; then
+    echo "gdb: may not trace a process, its commands not tried"
+  else
+    grep -qE "^0x[0-9a-f]+ +global +block " "$scratch/log" ||
+      fail "gdb's commands do not get along with the debug file: $(<"$scratch/log")"
+    echo "gdb: its commands read the library by its debug file"
+  fi
 else
   echo "gdb: not there, not tried"
 fi
