@@ -155,6 +155,11 @@ class Record(unittest.TestCase):
                 for path in pathlib.Path("docs/pictures").glob("performance-*.svg")}
         self.assertEqual(kept | {"pictures/allocators.svg"}, set(made) - {"performance.json"})
 
+    def test_each_picture_is_shown_on_a_page(self):
+        pages = "".join(path.read_text() for path in pathlib.Path("docs").glob("*.md"))
+        for picture in pathlib.Path("docs/pictures").glob("*.svg"):
+            self.assertIn(f"](pictures/{picture.name})", pages)
+
     def test_the_record_has_the_figures_and_not_the_machine(self):
         recorded = json.loads(self.recorded({**RUN, "benchmarks": RUN["benchmarks"][:2]})
                               ["performance.json"])
