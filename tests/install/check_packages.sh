@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# The two Debian packages, made as scripts/package makes them but of a build that is there: what they
-# say about themselves, that they install into a root directory of their own, that programs are built
-# on what they install, that gdb finds the library's lines and records, that the manual is there, and
-# that nothing is left when they are removed.
+# The two Debian packages, made as scripts/package makes them but of a build that is there: what
+# they say about themselves, that they install into a root directory of their own, that programs are
+# built on what they install, that gdb finds the library's lines and records, that the manual is
+# there, and that nothing is left when they are removed.
 # usage: check_packages.sh BUILD_DIRECTORY SOURCE_DIRECTORY
 #   CC, CXX, CMAKE_GENERATOR   what the programs are built with
 set -euo pipefail
