@@ -17,6 +17,7 @@ from . import report, suites
 OBJECT = "changed.o"
 LIBRARY = "libzynpsp-14.so"
 TWIN = "libzynpsp-14.a"
+NAMES = "zynpsp-14.map"  # what the library is linked with besides objects
 LEAST_LIMIT = 10  # seconds that a suite gets at least
 TIMES = 4         # and how many times its usual time
 ADDRESS_SPACE = 16 << 30  # bytes, against a change that allocates for ever
@@ -70,7 +71,7 @@ class Build:
         built = self.root / "build/test"
         self.library = self._link_command(LIBRARY)
         self.suites = {n: Suite(n, self._link_command(f"tests/{n}")) for n in needed}
-        files = {TWIN, *(str(p.relative_to(built)) for p in (built / "tests").glob("*.so"))}
+        files = {TWIN, NAMES, *(str(p.relative_to(built)) for p in (built / "tests").glob("*.so"))}
         for command in (self.library, *(suite.link for suite in self.suites.values())):
             files.update(arg for arg in command if arg.endswith(".o"))
         for file in files:
