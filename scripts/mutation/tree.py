@@ -83,7 +83,7 @@ class Build:
         recorded = json.loads((built / "compile_commands.json").read_text())
         self.compilers = {
             Path(entry["file"]).name: self._plain(shlex.split(self._moved(entry["command"])))
-            for entry in recorded if "/source/psp/" in entry["file"]}
+            for entry in recorded if "/zynpsp_objects.dir/" in entry["command"]}
 
     @staticmethod
     def _plain(command):
