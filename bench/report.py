@@ -283,7 +283,7 @@ td, th {{ border: 1px solid #ddd; padding: 0.2rem 0.5rem; text-align: left; vert
 
 
 def summary(context, rows, failed):
-    ahead = sum(row.ratios.get("best peer", 2) <= 1 for row in rows)
+    ahead = sum(round(row.ratios.get("best peer", 2), 2) <= 1 for row in rows)
     beside = sum("best peer" in row.ratios for row in rows)
     missed = sum(row.median(LIBRARY) > limit if goal == "itself" else row.ratios[goal] > limit
                  for row in rows for goal, limit in row.goals.items())
