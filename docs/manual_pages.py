@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Makes the manual pages from Doxygen's XML, compressed as they are installed: one a function and
-data object (section 3), one a family (section 7).
+data object (man3), one a family (man7).
 usage: manual_pages.py XML_DIRECTORY OUTPUT_DIRECTORY VERSION"""
 
 import gzip
